@@ -1,0 +1,39 @@
+# kestrin_add_library(<name> SOURCES <src>... [PUBLIC_DEPS <target>...] [PRIVATE_DEPS <target>...])
+#
+# Makes the library kestrin_<name> with the alias kestrin::<name> from libs/<name>: public headers
+# in include/kestrin/<name>/, sources in src/. Every public header is also compiled on its own, so a
+# header that forgets one of its includes breaks the build.
+function(kestrin_add_library name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;PUBLIC_DEPS;PRIVATE_DEPS")
+  set(target kestrin_${name})
+  add_library(${target} STATIC ${arg_SOURCES})
+  add_library(kestrin::${name} ALIAS ${target})
+  target_include_directories(${target} PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}/include")
+  target_link_libraries(${target} PUBLIC ${arg_PUBLIC_DEPS} PRIVATE ${arg_PRIVATE_DEPS} kestrin::warnings)
+
+  file(GLOB headers CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/include/kestrin/${name}/*.hpp")
+  set(checks)
+  foreach(header IN LISTS headers)
+    get_filename_component(stem "${header}" NAME_WE)
+    set(check "${CMAKE_CURRENT_BINARY_DIR}/header_check/${stem}.cpp")
+    file(CONFIGURE OUTPUT "${check}" CONTENT "#include <kestrin/${name}/${stem}.hpp>\n")
+    list(APPEND checks "${check}")
+  endforeach()
+  if(checks)
+    add_library(${target}_header_check OBJECT ${checks})
+    target_link_libraries(${target}_header_check PRIVATE ${target} kestrin::warnings)
+  endif()
+endfunction()
+
+# kestrin_add_test(<name> SOURCES <src>... [LIBS <target>...])
+#
+# Makes the GoogleTest binary <name>_tests and registers each of its tests with CTest.
+function(kestrin_add_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBS")
+  set(target ${name}_tests)
+  add_executable(${target} ${arg_SOURCES})
+  target_link_libraries(${target} PRIVATE ${arg_LIBS} GTest::gtest GTest::gmock GTest::gtest_main
+                                          kestrin::warnings)
+  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST
+                       PROPERTIES ENVIRONMENT "KESTRIN_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
+endfunction()
