@@ -1,0 +1,135 @@
+#include <kestrin/midi/midi_file_writer.hpp>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <string>
+
+namespace kestrin::midi {
+
+namespace {
+
+constexpr std::uint8_t kMetaEvent = 0xFF;
+constexpr std::uint8_t kSetTempo = 0x51;
+constexpr std::uint8_t kTrackNameEvent = 0x03;
+constexpr std::uint8_t kMarker = 0x06;
+constexpr std::uint8_t kEndOfTrack = 0x2F;
+
+// Bytes of the file before the track's events: "MThd", its length, format, track count and
+// division, then "MTrk" and the track length.
+constexpr std::size_t kHeaderBytes = 22;
+
+void appendBigEndian(std::vector<std::uint8_t>& out, std::uint64_t value, int byteCount)
+{
+    for (int shift = 8 * (byteCount - 1); shift >= 0; shift -= 8) {
+        out.push_back(static_cast<std::uint8_t>((value >> static_cast<unsigned>(shift)) & 0xFFU));
+    }
+}
+
+void appendText(std::vector<std::uint8_t>& out, std::string_view text)
+{
+    for (const char c : text) {
+        out.push_back(static_cast<std::uint8_t>(c));
+    }
+}
+
+void appendTextEvent(std::vector<std::uint8_t>& out,
+                     std::uint64_t deltaTicks,
+                     std::uint8_t type,
+                     std::string_view text)
+{
+    const std::vector<std::uint8_t> delta = encodeVariableLengthQuantity(deltaTicks);
+    out.insert(out.end(), delta.begin(), delta.end());
+    out.push_back(kMetaEvent);
+    out.push_back(type);
+    // Readers take a meta event's length as a variable-length quantity. Up to 127 bytes (every
+    // text Kestrin writes) that is the one byte holding the count; from 128 on a single count
+    // byte would have its top bit set and swallow the text's first byte, so it takes two.
+    const std::vector<std::uint8_t> length = encodeVariableLengthQuantity(text.size());
+    out.insert(out.end(), length.begin(), length.end());
+    appendText(out, text);
+}
+
+core::Status checkTextLength(std::string_view role, std::string_view text)
+{
+    if (text.size() <= kMaxTextBytes) {
+        return {};
+    }
+    return core::Error{std::string(kMIDIErrorDomain),
+                       kTextTooLongCode,
+                       "The " + std::string(role) + " is " + std::to_string(text.size())
+                           + " bytes long; a MIDI text event holds at most "
+                           + std::to_string(kMaxTextBytes) + " bytes."};
+}
+
+}  // namespace
+
+std::vector<std::uint8_t> encodeVariableLengthQuantity(std::uint64_t value)
+{
+    // 64 bits make at most ten groups of 7; collect them least significant first.
+    std::array<std::uint8_t, 10> groups{};
+    std::size_t count = 0;
+    do {
+        groups[count++] = static_cast<std::uint8_t>(value & 0x7FU);
+        value >>= 7U;
+    } while (value != 0);
+
+    std::vector<std::uint8_t> bytes;
+    bytes.reserve(count);
+    while (count > 1) {
+        bytes.push_back(static_cast<std::uint8_t>(groups[--count] | 0x80U));
+    }
+    bytes.push_back(groups[0]);
+    return bytes;
+}
+
+core::Expected<std::vector<std::uint8_t>> assembleMarkerFile(
+    std::span<const std::uint64_t> tickDeltas,
+    std::string_view markerName,
+    std::optional<std::string_view> firstMarkerName)
+{
+    const std::string_view firstName =
+        firstMarkerName.has_value() && !firstMarkerName->empty() ? *firstMarkerName : markerName;
+    if (!tickDeltas.empty()) {
+        if (core::Status status = checkTextLength("first marker name", firstName); !status) {
+            return status.error();
+        }
+    }
+    if (tickDeltas.size() > 1) {
+        if (core::Status status = checkTextLength("marker name", markerName); !status) {
+            return status.error();
+        }
+    }
+    static_assert(kTrackName.size() <= kMaxTextBytes);
+
+    std::vector<std::uint8_t> file;
+    appendText(file, "MThd");
+    appendBigEndian(file, 6, 4);
+    appendBigEndian(file, 1, 2);  // format 1
+    appendBigEndian(file, 1, 2);  // one track
+    appendBigEndian(file, kTicksPerQuarter, 2);
+    appendText(file, "MTrk");
+    appendBigEndian(file, 0, 4);  // track length, filled in below
+
+    file.insert(file.end(), {0x00, kMetaEvent, kSetTempo, 0x03});
+    appendBigEndian(file, kTempoUSPerQuarter, 3);
+    appendTextEvent(file, 0, kTrackNameEvent, kTrackName);
+    for (std::size_t i = 0; i < tickDeltas.size(); ++i) {
+        appendTextEvent(file, tickDeltas[i], kMarker, i == 0 ? firstName : markerName);
+    }
+    file.insert(file.end(), {0x00, kMetaEvent, kEndOfTrack, 0x00});
+
+    const std::size_t trackBytes = file.size() - kHeaderBytes;
+    if (trackBytes > std::numeric_limits<std::uint32_t>::max()) {
+        return core::Error{std::string(kMIDIErrorDomain),
+                           kTrackTooLongCode,
+                           "The marker track is " + std::to_string(trackBytes)
+                               + " bytes long; a MIDI track holds at most 4294967295 bytes."};
+    }
+    std::vector<std::uint8_t> length;
+    appendBigEndian(length, trackBytes, 4);
+    std::copy(length.begin(), length.end(), file.begin() + (kHeaderBytes - 4));
+    return file;
+}
+
+}  // namespace kestrin::midi

@@ -1,0 +1,40 @@
+#include <kestrin/midi/midi_frame_rate.hpp>
+
+#include <array>
+#include <cstddef>
+
+namespace kestrin::midi {
+
+namespace {
+
+// Indexed by code. 19200 ticks per second over the real rate: the 1000/1001 rates keep the
+// factor exactly (23.976 fps is 24000/1001 fps, so 19200 * 1001 / 24000 = 4004 / 5 = 800.8).
+constexpr std::array<TickRatio, kMIDIFrameRateCount> kTicksPerFrame{{
+    {320, 1},     // 0: 60
+    {320, 1},     // 1: 60
+    {16016, 50},  // 2: 59.94 drop-frame
+    {16016, 50},  // 3: 59.94 non-drop
+    {384, 1},     // 4: 50
+    {400, 1},     // 5: 48
+    {2002, 5},    // 6: 47.952
+    {640, 1},     // 7: 30
+    {640, 1},     // 8: 30
+    {32032, 50},  // 9: 29.97 drop-frame
+    {32032, 50},  // 10: 29.97 non-drop
+    {768, 1},     // 11: 25
+    {800, 1},     // 12: 24
+    {4004, 5},    // 13: 23.976
+}};
+
+}  // namespace
+
+TickRatio ticksPerFrame(MIDIFrameRate rate)
+{
+    const auto code = static_cast<std::size_t>(rate);
+    if (code >= kTicksPerFrame.size()) {
+        return kTicksPerFrame[static_cast<std::size_t>(MIDIFrameRate::Fps24)];
+    }
+    return kTicksPerFrame[code];
+}
+
+}  // namespace kestrin::midi

@@ -1,0 +1,73 @@
+#include <kestrin/midi/marker_ticks.hpp>
+#include <kestrin/midi/standard_midi_export_service.hpp>
+#include <kestrin/midi/temporary_file.hpp>
+
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace kestrin::midi {
+
+namespace {
+
+core::Expected<std::filesystem::path> userTemporaryDirectory()
+{
+    std::error_code error;
+    std::filesystem::path directory = std::filesystem::temp_directory_path(error);
+    if (error) {
+        return core::Error{"POSIX",
+                           error.value(),
+                           "Could not find the temporary directory: " + error.message() + "."};
+    }
+    return directory;
+}
+
+}  // namespace
+
+StandardMIDIExportService::StandardMIDIExportService(std::filesystem::path temporaryDirectory)
+    : temporaryDirectory_(std::move(temporaryDirectory))
+{}
+
+core::Expected<std::vector<std::uint8_t>> StandardMIDIExportService::exportMarkerFile(
+    const std::vector<std::int64_t>& frameDeltas,
+    MIDIFrameRate rate,
+    std::string_view markerName,
+    std::optional<std::string_view> firstMarkerName,
+    std::int64_t startOffsetFrames,
+    std::int64_t firstGapFrames)
+{
+    const std::vector<std::int64_t> frameList =
+        markerFrameList(frameDeltas, startOffsetFrames, firstGapFrames);
+    core::Expected<std::vector<std::uint8_t>> file =
+        assembleMarkerFile(tickDeltasForFrames(frameList, rate), markerName, firstMarkerName);
+    if (!file) {
+        return file.error();
+    }
+
+    core::Expected<std::filesystem::path> directory =
+        temporaryDirectory_.has_value()
+            ? core::Expected<std::filesystem::path>(*temporaryDirectory_)
+            : userTemporaryDirectory();
+    if (!directory) {
+        return directory.error();
+    }
+    core::Expected<std::string> name = randomUUIDText();
+    if (!name) {
+        return name.error();
+    }
+    const std::filesystem::path path = *directory / (*name + ".mid");
+
+    if (core::Status written = writeFileAtomically(path, *file); !written) {
+        return written.error();
+    }
+    core::Expected<std::vector<std::uint8_t>> readBack = readWholeFile(path);
+    if (!readBack) {
+        return readBack.error();
+    }
+    // The bytes are already in memory; a file left behind in the temporary directory is harmless.
+    std::error_code ignored;
+    std::filesystem::remove(path, ignored);
+    return readBack;
+}
+
+}  // namespace kestrin::midi
