@@ -1,0 +1,82 @@
+#pragma once
+
+#include <kestrin/core/error.hpp>
+#include <kestrin/core/media_time.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+namespace kestrin::media {
+
+/// The range of the luma samples a reader delivers: full (0-255) or video (16-235).
+enum class LumaRange : std::uint8_t { full, video };
+
+/// What a frame reader delivers and from which stretch of the track.
+struct FrameReaderSettings
+{
+    /// Size of the delivered luma plane in pixels; the reader scales each picture to it with an
+    /// area filter. Both at least 1.
+    int width = 96;
+    int height = 54;
+    LumaRange range = LumaRange::full;
+    /// Only frames whose display interval overlaps [start, start + duration); absent: all.
+    std::optional<core::MediaTimeRange> timeRange;
+};
+
+/// One decoded frame's 8-bit luma plane. A view: the bytes belong to the reader and stay valid
+/// only until the next call on it.
+struct LumaFrame
+{
+    /// Presentation time on the track's timeline, where the first presented frame is at 0.
+    core::MediaTime presentationTime;
+    int width = 0;
+    int height = 0;
+    /// Distance between the starts of two rows, at least `width`.
+    std::ptrdiff_t bytesPerRow = 0;
+    /// The first row; null for a sample that carries no picture.
+    const std::uint8_t* data = nullptr;
+
+    [[nodiscard]] bool hasImage() const { return data != nullptr; }
+};
+
+/// Where a reader is in its life.
+enum class ReaderStatus : std::uint8_t {
+    notStarted,  ///< made, startReading() not yet called
+    reading,     ///< frames may follow
+    completed,   ///< every frame of the track or range was delivered
+    failed,      ///< a demuxing or decoding error ended the read; error() says which
+    cancelled,   ///< cancelReading() or a stop request ended the read
+};
+
+/// Decodes one video track, frame by frame in presentation order, into luma planes of the size
+/// and range its settings ask for. Made by Asset::makeFrameReader; used by one thread; decoding
+/// may use several threads of its own.
+class FrameReader
+{
+public:
+    virtual ~FrameReader() = default;
+
+    /// Begins reading (for a time range: seeks to the sync sample before its start). Returns
+    /// false when reading cannot begin; status() is then failed and error() holds the reason when
+    /// one is known. Calling it on a reader that is not notStarted returns false and changes
+    /// nothing.
+    virtual bool startReading() = 0;
+
+    [[nodiscard]] virtual ReaderStatus status() const = 0;
+
+    /// The error that made the reader fail, with the decoder's or the file system's own code and
+    /// text; absent unless status() is failed, and possibly absent then.
+    [[nodiscard]] virtual std::optional<core::Error> error() const = 0;
+
+    /// Decodes up to the next frame and returns it; absent when there is none: status() then says
+    /// whether the read completed, failed or was cancelled. A stop request (the stop token the
+    /// reader was made with) ends a read within one frame, blocking file I/O included.
+    virtual std::optional<LumaFrame> nextFrame() = 0;
+
+    /// Stops reading for good: status() becomes cancelled (unless already completed or failed)
+    /// and nextFrame() returns nothing from then on.
+    virtual void cancelReading() = 0;
+};
+
+}  // namespace kestrin::media
