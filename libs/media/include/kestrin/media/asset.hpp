@@ -68,7 +68,9 @@ public:
 
     /// A reader that decodes `track` (one of this asset's video tracks) as `settings` ask. The
     /// reader is made in the notStarted state; opening the file or the decoder may fail here with
-    /// the library's own error. A stop request through `stopToken` cancels the reader's reads.
+    /// the library's own error. A null reader without an error means the track cannot be read as
+    /// pictures at all (it is not a video track of this asset). A stop request through
+    /// `stopToken` cancels the reader's reads.
     [[nodiscard]] virtual core::Expected<std::unique_ptr<FrameReader>> makeFrameReader(
         const Track& track,
         const FrameReaderSettings& settings,
