@@ -1,0 +1,329 @@
+#include "ffmpeg_support.hpp"
+
+#include <kestrin/media_ffmpeg/ffmpeg_asset_opener.hpp>
+#include <kestrin/media_ffmpeg/ffmpeg_log.hpp>
+
+extern "C" {
+#include <libavutil/intreadwrite.h>
+}
+
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+namespace kestrin::media_ffmpeg {
+
+namespace {
+
+using detail::TrackSource;
+
+// FFmpeg's codes are MKTAG: the first character in the least significant byte.
+media::FourCC fourCCOfTag(unsigned int tag)
+{
+    return ((tag & 0xFFU) << 24U) | (((tag >> 8U) & 0xFFU) << 16U) | (((tag >> 16U) & 0xFFU) << 8U)
+           | ((tag >> 24U) & 0xFFU);
+}
+
+constexpr unsigned int tagOf(const char (&text)[5])
+{
+    return static_cast<unsigned int>(static_cast<unsigned char>(text[0]))
+           | (static_cast<unsigned int>(static_cast<unsigned char>(text[1])) << 8U)
+           | (static_cast<unsigned int>(static_cast<unsigned char>(text[2])) << 16U)
+           | (static_cast<unsigned int>(static_cast<unsigned char>(text[3])) << 24U);
+}
+
+bool isTimecodeStream(const AVCodecParameters& parameters)
+{
+    return parameters.codec_type == AVMEDIA_TYPE_DATA && parameters.codec_tag == tagOf("tmcd");
+}
+
+media::MediaType mediaTypeOf(const AVCodecParameters& parameters)
+{
+    if (isTimecodeStream(parameters)) {
+        return media::MediaType::timecode;
+    }
+    switch (parameters.codec_type) {
+        case AVMEDIA_TYPE_VIDEO:
+            return media::MediaType::video;
+        case AVMEDIA_TYPE_AUDIO:
+            return media::MediaType::audio;
+        case AVMEDIA_TYPE_SUBTITLE:
+            return media::MediaType::subtitle;
+        case AVMEDIA_TYPE_DATA:
+            return media::MediaType::data;
+        default:
+            return media::MediaType::unknown;
+    }
+}
+
+// The container's code when QuickTime's table knows it for this codec (MOV, MP4, and ProRes in
+// MKV, which keeps the QuickTime code); otherwise QuickTime's code for the codec, so that an AVI's
+// 'MJPG' reads as 'jpeg' and DV's 'dvsd' as a QuickTime DV code; otherwise the container's code.
+media::FourCC mediaSubTypeOf(const AVCodecParameters& parameters)
+{
+    if (isTimecodeStream(parameters)) {
+        return media::fourCC("tmcd");
+    }
+    const AVCodecTag* const* table = nullptr;
+    std::array<const AVCodecTag*, 2> tables{};
+    if (parameters.codec_type == AVMEDIA_TYPE_VIDEO) {
+        tables[0] = avformat_get_mov_video_tags();
+        table = tables.data();
+    } else if (parameters.codec_type == AVMEDIA_TYPE_AUDIO) {
+        tables[0] = avformat_get_mov_audio_tags();
+        table = tables.data();
+    }
+    if (table != nullptr && parameters.codec_id != AV_CODEC_ID_NONE) {
+        if (parameters.codec_tag != 0
+            && av_codec_get_id(table, parameters.codec_tag) == parameters.codec_id) {
+            return fourCCOfTag(parameters.codec_tag);
+        }
+        const unsigned int quickTimeTag = av_codec_get_tag(table, parameters.codec_id);
+        if (quickTimeTag != 0) {
+            return fourCCOfTag(quickTimeTag);
+        }
+    }
+    return fourCCOfTag(parameters.codec_tag);
+}
+
+// FFmpeg's QuickTime demuxer keeps the timecode sample description, from its reserved field on,
+// as the stream's extradata: reserved (4 bytes), flags (4), timescale (4), frame duration (4),
+// frames per second (1), ... all big-endian.
+std::uint32_t timeCodeFlagsOf(const AVCodecParameters& parameters)
+{
+    if (!isTimecodeStream(parameters) || parameters.extradata == nullptr
+        || parameters.extradata_size < 8) {
+        return 0;
+    }
+    return AV_RB32(parameters.extradata + 4);
+}
+
+// The rates cameras and editing systems use; a stated rate this close to one of them is that rate
+// (containers with a coarse clock state 59.94 as 19001/317, a microsecond MP4 29.97 as
+// 100000000/3336667). The tolerance stays well under the 0.1 % between 23.976 and 24.
+constexpr std::array<AVRational, 14> kStandardRates{{{24000, 1001},
+                                                     {24, 1},
+                                                     {25, 1},
+                                                     {30000, 1001},
+                                                     {30, 1},
+                                                     {48000, 1001},
+                                                     {48, 1},
+                                                     {50, 1},
+                                                     {60000, 1001},
+                                                     {60, 1},
+                                                     {100, 1},
+                                                     {120000, 1001},
+                                                     {120, 1},
+                                                     {15, 1}}};
+constexpr double kStandardRateTolerance = 0.0005;
+
+bool isUsableRate(AVRational rate)
+{
+    return rate.num > 0 && rate.den > 0;
+}
+
+// The frame rate that sets the frame grid: the average rate (or, without one, the rate FFmpeg
+// guessed from the time stamps), snapped to a standard rate when it is one.
+AVRational gridRateOf(const AVStream& stream)
+{
+    AVRational rate = stream.avg_frame_rate;
+    if (!isUsableRate(rate)) {
+        rate = stream.r_frame_rate;
+    }
+    if (!isUsableRate(rate)) {
+        return AVRational{0, 1};
+    }
+    const double framesPerSecond = av_q2d(rate);
+    for (const AVRational& standard : kStandardRates) {
+        if (std::fabs(framesPerSecond / av_q2d(standard) - 1.0) < kStandardRateTolerance) {
+            return standard;
+        }
+    }
+    AVRational reduced{0, 1};
+    av_reduce(&reduced.num, &reduced.den, rate.num, rate.den, 1 << 30);
+    return reduced;
+}
+
+// Whether the container's index holds every sample with its presentation time: only FFmpeg's
+// QuickTime demuxer fills a complete index at opening, and its entries carry decode times, which
+// are the presentation times only for codecs that never reorder frames.
+bool indexIsComplete(const AVFormatContext& context, const AVStream& stream)
+{
+    if (std::string_view(context.iformat->name).find("mov") == std::string_view::npos) {
+        return false;
+    }
+    const AVCodecDescriptor* descriptor = avcodec_descriptor_get(stream.codecpar->codec_id);
+    if (descriptor == nullptr || (descriptor->props & AV_CODEC_PROP_REORDER) != 0) {
+        return false;
+    }
+    const int count = avformat_index_get_entries_count(&stream);
+    // A fragmented file's index grows as its fragments are read: fewer entries than frames.
+    return count > 0 && stream.nb_frames > 0 && count >= stream.nb_frames;
+}
+
+std::shared_ptr<const std::vector<detail::SampleEntry>> indexOf(AVStream& stream)
+{
+    const int count = avformat_index_get_entries_count(&stream);
+    auto entries = std::make_shared<std::vector<detail::SampleEntry>>();
+    entries->reserve(static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        const AVIndexEntry* entry = avformat_index_get_entry(&stream, i);
+        // Samples an edit list cuts away are in the index but never presented.
+        if (entry == nullptr || (entry->flags & AVINDEX_DISCARD_FRAME) != 0) {
+            continue;
+        }
+        entries->push_back(detail::SampleEntry{
+            entry->timestamp, entry->timestamp, (entry->flags & AVINDEX_KEYFRAME) != 0});
+    }
+    return entries;
+}
+
+class FFmpegTrack final : public media::Track
+{
+public:
+    FFmpegTrack(int trackIndex,
+                std::shared_ptr<const TrackSource> source,
+                float nominalFrameRate,
+                std::vector<media::FormatDescription> descriptions)
+        : trackIndex_(trackIndex)
+        , source_(std::move(source))
+        , nominalFrameRate_(nominalFrameRate)
+        , descriptions_(std::move(descriptions))
+    {}
+
+    [[nodiscard]] int trackIndex() const override { return trackIndex_; }
+    [[nodiscard]] media::MediaType mediaType() const override { return source_->mediaType; }
+    [[nodiscard]] core::Expected<float> nominalFrameRate() const override
+    {
+        return nominalFrameRate_;
+    }
+    [[nodiscard]] core::Expected<core::MediaTime> minFrameDuration() const override
+    {
+        return source_->timing.frameDuration();
+    }
+    [[nodiscard]] core::Expected<std::vector<media::FormatDescription>> formatDescriptions()
+        const override
+    {
+        return descriptions_;
+    }
+    [[nodiscard]] core::Expected<bool> canProvideSampleCursors() const override { return true; }
+    [[nodiscard]] std::unique_ptr<media::SampleCursor> makeSampleCursorAtFirstSampleInDecodeOrder(
+        std::stop_token stopToken) const override
+    {
+        return detail::makeSampleCursor(source_, std::move(stopToken));
+    }
+
+    [[nodiscard]] const std::shared_ptr<const TrackSource>& source() const { return source_; }
+
+private:
+    // Immutable after construction.
+    int trackIndex_;
+    std::shared_ptr<const TrackSource> source_;
+    float nominalFrameRate_;
+    std::vector<media::FormatDescription> descriptions_;
+};
+
+class FFmpegAsset final : public media::Asset
+{
+public:
+    FFmpegAsset(core::MediaTime duration, std::vector<media::TrackPointer> tracks)
+        : duration_(duration)
+        , tracks_(std::move(tracks))
+    {}
+
+    [[nodiscard]] core::Expected<core::MediaTime> duration() const override { return duration_; }
+    [[nodiscard]] core::Expected<std::vector<media::TrackPointer>> tracks() const override
+    {
+        return tracks_;
+    }
+    [[nodiscard]] core::Expected<std::unique_ptr<media::FrameReader>> makeFrameReader(
+        const media::Track& track,
+        const media::FrameReaderSettings& settings,
+        std::stop_token stopToken) const override
+    {
+        const auto* ours = dynamic_cast<const FFmpegTrack*>(&track);
+        if (ours == nullptr || ours->mediaType() != media::MediaType::video) {
+            return detail::ffmpegError(detail::errorStreamNotFound());
+        }
+        return detail::makeFrameReader(ours->source(), settings, std::move(stopToken));
+    }
+
+private:
+    // Immutable after construction.
+    core::MediaTime duration_;
+    std::vector<media::TrackPointer> tracks_;
+};
+
+core::MediaTime durationOf(const AVFormatContext& context)
+{
+    if (context.duration != AV_NOPTS_VALUE && context.duration >= 0) {
+        return core::MediaTime::make(context.duration, AV_TIME_BASE);
+    }
+    return core::MediaTime::indefinite();
+}
+
+detail::TrackTiming timingOf(const AVStream& stream, media::MediaType type)
+{
+    detail::TrackTiming timing;
+    timing.timeBase = stream.time_base;
+    timing.origin = stream.start_time != AV_NOPTS_VALUE ? stream.start_time : 0;
+    if (type == media::MediaType::video) {
+        const AVRational rate = gridRateOf(stream);
+        if (isUsableRate(rate)) {
+            timing.frameDurationValue = rate.den;
+            timing.frameDurationTimescale = rate.num;
+        }
+    }
+    return timing;
+}
+
+}  // namespace
+
+FFmpegAssetOpener::FFmpegAssetOpener()
+{
+    ensureFFmpegLogRouted();
+}
+
+core::Expected<media::AssetPointer> FFmpegAssetOpener::openAsset(const std::filesystem::path& path,
+                                                                 std::stop_token stopToken) const
+{
+    detail::Interrupt interrupt{std::move(stopToken)};
+    auto opened = detail::openInput(path, interrupt, true);
+    if (!opened) {
+        return opened.error();
+    }
+    AVFormatContext& context = **opened;
+
+    std::vector<media::TrackPointer> tracks;
+    for (unsigned int i = 0; i < context.nb_streams; ++i) {
+        AVStream& stream = *context.streams[i];
+        if ((stream.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0) {
+            continue;
+        }
+        const AVCodecParameters& parameters = *stream.codecpar;
+        auto source = std::make_shared<TrackSource>();
+        source->path = path;
+        source->streamIndex = stream.index;
+        source->mediaType = mediaTypeOf(parameters);
+        source->timing = timingOf(stream, source->mediaType);
+        if (indexIsComplete(context, stream)) {
+            source->index = indexOf(stream);
+        }
+        const float nominalRate = isUsableRate(stream.avg_frame_rate)
+                                      ? static_cast<float>(av_q2d(stream.avg_frame_rate))
+                                      : 0.0F;
+        std::vector<media::FormatDescription> descriptions{media::FormatDescription{
+            source->mediaType, mediaSubTypeOf(parameters), timeCodeFlagsOf(parameters)}};
+        tracks.push_back(std::make_shared<FFmpegTrack>(static_cast<int>(tracks.size()),
+                                                       std::move(source),
+                                                       nominalRate,
+                                                       std::move(descriptions)));
+    }
+    media::AssetPointer asset =
+        std::make_shared<FFmpegAsset>(durationOf(context), std::move(tracks));
+    return asset;
+}
+
+}  // namespace kestrin::media_ffmpeg

@@ -1,0 +1,161 @@
+#include "ffmpeg_support.hpp"
+
+#include <array>
+#include <limits>
+#include <string>
+
+extern "C" {
+#include <libavutil/error.h>
+}
+
+namespace kestrin::media_ffmpeg::detail {
+
+core::Error ffmpegError(int code)
+{
+    std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
+    av_strerror(code, text.data(), text.size());
+    return core::Error{"FFmpeg", code, std::string(text.data())};
+}
+
+int errorExit()
+{
+    return AVERROR_EXIT;
+}
+int errorEof()
+{
+    return AVERROR_EOF;
+}
+int errorAgain()
+{
+    return AVERROR(EAGAIN);
+}
+int errorStreamNotFound()
+{
+    return AVERROR_STREAM_NOT_FOUND;
+}
+int errorDecoderNotFound()
+{
+    return AVERROR_DECODER_NOT_FOUND;
+}
+int errorInvalidData()
+{
+    return AVERROR_INVALIDDATA;
+}
+
+void FormatContextDeleter::operator()(AVFormatContext* context) const
+{
+    avformat_close_input(&context);
+}
+
+void PacketDeleter::operator()(AVPacket* packet) const
+{
+    av_packet_free(&packet);
+}
+
+namespace {
+
+// Called by FFmpeg from inside blocking I/O; a non-zero result makes that I/O fail with
+// AVERROR_EXIT.
+int interruptCallback(void* opaque)
+{
+    const auto* interrupt = static_cast<const Interrupt*>(opaque);
+    return (interrupt->isAbandoned || interrupt->stopToken.stop_requested()) ? 1 : 0;
+}
+
+// Products of a 64-bit stamp and two 32-bit rates need more than 64 bits.
+__extension__ typedef __int128 Wide;  // NOLINT(modernize-use-using)
+
+Wide divideRoundingToNearest(Wide numerator, Wide denominator)
+{
+    // Halves away from zero; denominator > 0.
+    const Wide half = denominator / 2;
+    return numerator >= 0 ? (numerator + half) / denominator : -((-numerator + half) / denominator);
+}
+
+Wide divideRoundingDown(Wide numerator, Wide denominator)
+{
+    const Wide quotient = numerator / denominator;
+    return (numerator % denominator != 0 && numerator < 0) ? quotient - 1 : quotient;
+}
+
+bool fitsInt64(Wide value)
+{
+    return value >= std::numeric_limits<std::int64_t>::min()
+           && value <= std::numeric_limits<std::int64_t>::max();
+}
+
+}  // namespace
+
+core::Expected<FormatContextPointer> openInput(const std::filesystem::path& path,
+                                               Interrupt& interrupt,
+                                               bool findStreamInfo)
+{
+    AVFormatContext* raw = avformat_alloc_context();
+    if (raw == nullptr) {
+        return ffmpegError(AVERROR(ENOMEM));
+    }
+    raw->interrupt_callback.callback = &interruptCallback;
+    raw->interrupt_callback.opaque = &interrupt;
+    // Streams that stamp only some frames (MPEG program streams put a time on the first frame of
+    // each packet) get the missing presentation times from the frames that follow, so the
+    // cursor and the reader see the same time for every sample.
+    raw->flags |= AVFMT_FLAG_GENPTS;
+    // avformat_open_input frees the context when it fails.
+    const int opened = avformat_open_input(&raw, path.c_str(), nullptr, nullptr);
+    if (opened < 0) {
+        return ffmpegError(opened);
+    }
+    FormatContextPointer context(raw);
+    if (findStreamInfo || (context->ctx_flags & AVFMTCTX_NOHEADER) != 0) {
+        const int found = avformat_find_stream_info(context.get(), nullptr);
+        if (found < 0) {
+            return ffmpegError(found);
+        }
+    }
+    return context;
+}
+
+core::MediaTime TrackTiming::timeOf(std::int64_t stamp) const
+{
+    if (stamp == AV_NOPTS_VALUE || timeBase.num <= 0 || timeBase.den <= 0) {
+        return core::MediaTime::invalid();
+    }
+    const Wide relative = static_cast<Wide>(stamp) - origin;
+    if (hasFrameGrid()) {
+        // All three quantities in units of 1 / (timeBase.den x frameDurationTimescale) seconds.
+        const Wide position = relative * timeBase.num * frameDurationTimescale;
+        const Wide frame = static_cast<Wide>(timeBase.den) * frameDurationValue;
+        const Wide tick = static_cast<Wide>(timeBase.num) * frameDurationTimescale;
+        const Wide frameNumber = divideRoundingToNearest(position, frame);
+        const Wide offset = position - frameNumber * frame;
+        const Wide value = frameNumber * frameDurationValue;
+        if ((offset < 0 ? -offset : offset) < tick && fitsInt64(value)) {
+            return core::MediaTime::make(static_cast<std::int64_t>(value), frameDurationTimescale);
+        }
+    }
+    const Wide value = relative * timeBase.num;
+    if (!fitsInt64(value)) {
+        return value > 0 ? core::MediaTime::positiveInfinity()
+                         : core::MediaTime::negativeInfinity();
+    }
+    return core::MediaTime::make(static_cast<std::int64_t>(value), timeBase.den);
+}
+
+std::int64_t TrackTiming::stampAtOrBefore(const core::MediaTime& time) const
+{
+    if (!time.isNumeric() || timeBase.num <= 0) {
+        return origin;
+    }
+    const Wide stamp = divideRoundingDown(static_cast<Wide>(time.value) * timeBase.den,
+                                          static_cast<Wide>(time.timescale) * timeBase.num)
+                       + origin;
+    return fitsInt64(stamp) ? static_cast<std::int64_t>(stamp) : origin;
+}
+
+core::MediaTime TrackTiming::frameDuration() const
+{
+    return hasFrameGrid() ? core::MediaTime::make(frameDurationValue, frameDurationTimescale)
+                          : core::MediaTime::invalid();
+}
+
+}  // namespace kestrin::media_ffmpeg::detail

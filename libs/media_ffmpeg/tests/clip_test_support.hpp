@@ -1,0 +1,57 @@
+#pragma once
+
+#include <kestrin/core/media_time.hpp>
+#include <kestrin/media/asset.hpp>
+
+#include <cstdint>
+#include <filesystem>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace kestrin::core {
+/// Lets GoogleTest print times as value/timescale.
+inline void PrintTo(const MediaTime& time, std::ostream* out)
+{
+    *out << time.value << "/" << time.timescale;
+}
+}  // namespace kestrin::core
+
+namespace kestrin::media_ffmpeg::testing {
+
+/// The path of a clip made by tests/clips/make-clips.
+std::filesystem::path clipPath(const std::string& name);
+
+/// Opens a clip that must open; fails the test otherwise.
+media::AssetPointer openClip(const std::string& name);
+
+/// The first video track of a clip that must have one.
+media::TrackPointer firstVideoTrack(const media::AssetPointer& asset);
+
+/// One delivered frame, copied out of the reader.
+struct CopiedFrame
+{
+    core::MediaTime time;
+    int width = 0;
+    int height = 0;
+    std::vector<std::uint8_t> luma;  ///< rows back to back
+};
+
+/// Every frame a fresh reader with `settings` delivers, and its final status.
+struct ReadResult
+{
+    std::vector<CopiedFrame> frames;
+    media::ReaderStatus status = media::ReaderStatus::notStarted;
+};
+ReadResult readFrames(const media::AssetPointer& asset,
+                      const media::TrackPointer& track,
+                      const media::FrameReaderSettings& settings);
+
+/// The frame index a detector derives from a time: floor(value x num / (timescale x den) + 1e-9)
+/// with (num, den) = (minFrameDuration.timescale, minFrameDuration.value).
+std::int64_t frameIndexOf(const core::MediaTime& time, const core::MediaTime& frameDuration);
+
+/// What ffprobe says of the first video stream's packets, in decode order: true for a keyframe.
+std::vector<bool> probeKeyframeFlags(const std::string& clip);
+
+}  // namespace kestrin::media_ffmpeg::testing
