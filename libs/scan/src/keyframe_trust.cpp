@@ -1,0 +1,319 @@
+#include <kestrin/scan/keyframe_trust.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstddef>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kestrin::scan {
+
+namespace {
+
+constexpr std::string_view kTrustPrefix = "keyframes trustable?: ";
+// U+2014, between the verdict and its reason.
+constexpr std::string_view kDash = "\xE2\x80\x94";
+// A mode of one gap with at least this share means (nearly) every sample is a keyframe.
+constexpr double kMostlyOneShare = 0.6;
+constexpr std::size_t kLoggedGapLimit = 50;
+constexpr std::size_t kReservedGaps = 2048;
+
+std::string twoDecimals(double value)
+{
+    std::array<char, 64> text{};
+    const int length = std::snprintf(text.data(), text.size(), "%.2f", value);
+    return {text.data(), static_cast<std::size_t>(std::max(length, 0))};
+}
+
+// share x 100 truncated toward zero (0.857 -> 85).
+std::string percent(double share)
+{
+    return std::to_string(static_cast<std::int64_t>(std::trunc(share * 100.0)));
+}
+
+// "[12, 12, 7]": the first 50 gaps at most.
+std::string gapSample(std::span<const std::int64_t> gaps)
+{
+    std::string text = "[";
+    const std::size_t shown = std::min(gaps.size(), kLoggedGapLimit);
+    for (std::size_t i = 0; i < shown; ++i) {
+        if (i > 0) {
+            text += ", ";
+        }
+        text += std::to_string(gaps[i]);
+    }
+    text += ']';
+    return text;
+}
+
+std::string refusal(std::string_view reason)
+{
+    std::string line(kTrustPrefix);
+    line += "false ";
+    line += kDash;
+    line += ' ';
+    line += reason;
+    return line;
+}
+
+// The first description's codec as four characters; "????" when the track has none, its
+// descriptions cannot be loaded, or the codec is unknown (0).
+media::FourCC codecOf(const media::Track& track)
+{
+    const auto descriptions = track.formatDescriptions();
+    if (!descriptions || descriptions->empty()) {
+        return 0;
+    }
+    return descriptions->front().mediaSubType;
+}
+
+std::string codecText(media::FourCC codec)
+{
+    return codec == 0 ? std::string("????") : media::fourCCText(codec);
+}
+
+struct GapWalk
+{
+    std::vector<std::int64_t> gaps;
+    std::int64_t maxGap = 0;
+};
+
+// Moves `cursor` forward in presentation order from where it stands, recording the gaps between
+// sync samples, until a sample presented after `horizonSeconds` or the end of the track.
+GapWalk walkGaps(media::SampleCursor& cursor, double horizonSeconds)
+{
+    GapWalk walk;
+    walk.gaps.reserve(kReservedGaps);
+    std::int64_t index = 0;
+    std::int64_t previousSyncIndex = 0;
+    bool hasPreviousSync = false;
+    while (true) {
+        const core::MediaTime time = cursor.presentationTimeStamp();
+        if (time.isNumeric()) {
+            const double seconds = time.seconds();
+            if (seconds >= 0.0 && seconds > horizonSeconds) {
+                break;
+            }
+        }
+        if (cursor.currentSampleIsFullSync()) {
+            if (hasPreviousSync) {
+                const std::int64_t gap = index - previousSyncIndex;
+                if (gap >= 1) {
+                    walk.gaps.push_back(gap);
+                    walk.maxGap = std::max(walk.maxGap, gap);
+                }
+            }
+            previousSyncIndex = index;
+            hasPreviousSync = true;
+        }
+        if (cursor.stepInPresentationOrder(1) == 0) {
+            break;
+        }
+        ++index;
+    }
+    return walk;
+}
+
+}  // namespace
+
+bool isIntraOnlyCodec(media::FourCC codec)
+{
+    constexpr auto kCodecs = intraOnlyCodecs();
+    return std::find(kCodecs.begin(), kCodecs.end(), codec) != kCodecs.end();
+}
+
+GapStatistics summariseGaps(std::span<const std::int64_t> gaps, std::int64_t modeTolerance)
+{
+    GapStatistics statistics;
+    if (gaps.empty()) {
+        return statistics;
+    }
+    statistics.gapCount = static_cast<std::int64_t>(gaps.size());
+    const auto total = static_cast<double>(gaps.size());
+
+    // The histogram as runs of equal values in a sorted copy. Walking the values in ascending
+    // order and replacing the mode only on a strictly higher count makes the smallest of equally
+    // frequent values the mode.
+    std::vector<std::int64_t> sorted(gaps.begin(), gaps.end());
+    std::sort(sorted.begin(), sorted.end());
+    statistics.maxGap = sorted.back();
+    std::int64_t modeCount = 0;
+    double entropyBits = 0.0;
+    for (std::size_t runStart = 0; runStart < sorted.size();) {
+        std::size_t runEnd = runStart + 1;
+        while (runEnd < sorted.size() && sorted[runEnd] == sorted[runStart]) {
+            ++runEnd;
+        }
+        const auto count = static_cast<std::int64_t>(runEnd - runStart);
+        if (count > modeCount) {
+            modeCount = count;
+            statistics.mode = sorted[runStart];
+        }
+        const double p = static_cast<double>(count) / total;
+        entropyBits -= p * std::log2(p);
+        ++statistics.distinct;
+        runStart = runEnd;
+    }
+
+    for (const std::int64_t gap : gaps) {
+        // Written without subtraction so that absurd gap values cannot overflow.
+        const bool isNear = gap >= statistics.mode ? gap - statistics.mode <= modeTolerance
+                                                   : statistics.mode - gap <= modeTolerance;
+        if (isNear) {
+            ++statistics.nearCount;
+        }
+    }
+    statistics.share = static_cast<double>(statistics.nearCount) / total;
+    statistics.uniqueRatio = static_cast<double>(statistics.distinct) / total;
+    if (statistics.distinct >= 2) {
+        statistics.entropy = entropyBits / std::log2(static_cast<double>(statistics.distinct));
+    }
+    return statistics;
+}
+
+std::int64_t maxCadenceForFrameRate(double framesPerSecond)
+{
+    constexpr double kUpper = 300.0;
+    constexpr std::int64_t kLower = 12;
+    constexpr double kUnknownRateCadence = 150.0;
+    // `framesPerSecond > 0` is false for NaN, so an unparsable rate counts as unknown. Clamping
+    // before the conversion keeps infinite and huge rates from overflowing it.
+    const double fiveSeconds = framesPerSecond > 0.0 ? framesPerSecond * 5.0 : kUnknownRateCadence;
+    const auto truncated = static_cast<std::int64_t>(std::min(fiveSeconds, kUpper));
+    return std::max(truncated, kLower);
+}
+
+bool irregularKeyframes(const GapStatistics& statistics,
+                        std::int64_t maxCadence,
+                        const KeyframeTrustParameters& parameters)
+{
+    const bool isRegularCadence = statistics.mode >= 2 && statistics.mode <= maxCadence
+                                  && statistics.share >= parameters.regularShare;
+    if (isRegularCadence) {
+        return false;
+    }
+    return statistics.entropy >= parameters.entropyThreshold
+           || statistics.uniqueRatio >= parameters.uniqueRatioThreshold;
+}
+
+core::Expected<bool> keyframesTrustable(const media::Asset& asset,
+                                        const media::Track& track,
+                                        const KeyframeTrustParameters& parameters,
+                                        const core::Log& log)
+{
+    const auto canProvideCursors = track.canProvideSampleCursors();
+    if (!canProvideCursors) {
+        return canProvideCursors.error();
+    }
+    if (!*canProvideCursors) {
+        log.line(refusal("track cannot provide sample cursors"));
+        return false;
+    }
+    const std::unique_ptr<media::SampleCursor> cursor =
+        track.makeSampleCursorAtFirstSampleInDecodeOrder();
+    if (!cursor) {
+        log.line(refusal("failed to make sample cursor"));
+        return false;
+    }
+    const auto duration = asset.duration();
+    if (!duration) {
+        return duration.error();
+    }
+    const auto nominalFrameRate = track.nominalFrameRate();
+    if (!nominalFrameRate) {
+        return nominalFrameRate.error();
+    }
+
+    // A duration without a value (invalid or indefinite) does not cap the horizon.
+    const double durationSeconds = duration->seconds();
+    const double horizonSeconds = std::isnan(durationSeconds)
+                                      ? parameters.maxScanSeconds
+                                      : std::min(durationSeconds, parameters.maxScanSeconds);
+    const GapWalk walk = walkGaps(*cursor, horizonSeconds);
+    const std::span<const std::int64_t> gaps(walk.gaps);
+
+    if (static_cast<std::int64_t>(gaps.size()) < parameters.minIntervals) {
+        log.line(refusal("insufficient intervals (gaps=" + std::to_string(gaps.size()) + ")"));
+        return false;
+    }
+
+    const GapStatistics statistics = summariseGaps(gaps, parameters.modeTolerance);
+    const media::FourCC codec = codecOf(track);
+    // An unknown rate (0 or less; NaN likewise) is reported and treated as 0.
+    const float rate = *nominalFrameRate;
+    const double fps = rate > 0.0F ? static_cast<double>(rate) : 0.0;
+    const std::string rateAndCodec =
+        "fps=" + core::shortestDecimal(fps) + ", codec=" + codecText(codec);
+
+    if (isIntraOnlyCodec(codec)) {
+        log.line(
+            refusal("codec is intra-only. " + rateAndCodec + ", gaps sample=" + gapSample(gaps)));
+        return false;
+    }
+    const std::int64_t maxCadence = maxCadenceForFrameRate(fps);
+    if (statistics.mode == 1 && statistics.share >= kMostlyOneShare) {
+        log.line(refusal("gaps mostly 1. " + rateAndCodec + ", mode=1, share="
+                         + percent(statistics.share) + "%, gaps sample=" + gapSample(gaps)));
+        return false;
+    }
+
+    const bool verdict = irregularKeyframes(statistics, maxCadence, parameters);
+    std::string line(kTrustPrefix);
+    line += verdict ? "true " : "false ";
+    line += kDash;
+    line += ' ' + rateAndCodec;
+    line += ", mode=" + std::to_string(statistics.mode);
+    line += ", share=" + percent(statistics.share);
+    line += "%, uniqueRatio=" + twoDecimals(statistics.uniqueRatio);
+    line += ", H=" + twoDecimals(statistics.entropy);
+    line += ", suppress=" + std::to_string(walk.maxGap);
+    line += ", gaps sample=" + gapSample(gaps);
+    log.line(line);
+    return verdict;
+}
+
+core::Expected<std::vector<core::SyncSample>> collectSyncSamplesFast(const media::Track& track,
+                                                                     const core::Log& log)
+{
+    const auto canProvideCursors = track.canProvideSampleCursors();
+    if (!canProvideCursors) {
+        return canProvideCursors.error();
+    }
+    std::vector<core::SyncSample> syncs;
+    if (!*canProvideCursors) {
+        return syncs;
+    }
+    const std::unique_ptr<media::SampleCursor> cursor =
+        track.makeSampleCursorAtFirstSampleInDecodeOrder();
+    if (!cursor) {
+        return syncs;
+    }
+
+    std::int64_t index = 0;
+    while (true) {
+        if (cursor->currentSampleIsFullSync()) {
+            syncs.push_back(core::SyncSample{index, cursor->presentationTimeStamp(), std::nullopt});
+        }
+        if (cursor->stepInDecodeOrder(1) == 0) {
+            break;
+        }
+        ++index;
+    }
+
+    std::string line = "collectSyncSamplesFast: found " + std::to_string(syncs.size()) + " syncs.";
+    if (!syncs.empty()) {
+        const auto describe = [](const core::SyncSample& sync) {
+            return "(idx:" + std::to_string(sync.index)
+                   + " t:" + core::shortestDecimal(sync.time.seconds()) + ")";
+        };
+        line += " first=" + describe(syncs.front()) + " last=" + describe(syncs.back());
+    }
+    log.line(line);
+    return syncs;
+}
+
+}  // namespace kestrin::scan
