@@ -1,0 +1,83 @@
+#pragma once
+
+#include <kestrin/core/edit_marker.hpp>
+#include <kestrin/core/error.hpp>
+#include <kestrin/midi/midi_export_service.hpp>
+#include <kestrin/midi/midi_frame_rate.hpp>
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace kestrin::app {
+
+/// The nominal rates a video's rate is snapped to, in the order that decides ties.
+inline constexpr std::array<float, 8> kSupportedFrameRates = {
+    23.976F, 24.0F, 25.0F, 29.97F, 30.0F, 50.0F, 59.94F, 60.0F};
+
+/// The supported rate nearest to `rate`, compared in 32-bit floats; on a tie the earlier (smaller)
+/// rate wins, so 24.5 gives 24 and 40 gives 30. NaN gives 23.976.
+[[nodiscard]] float snapFrameRate(float rate);
+
+/// Whole frames per second of the timecode at a snapped rate: 24 at 23.976, 30 at 29.97, 60 at
+/// 59.94 (each within 0.01), otherwise the rate rounded half away from zero.
+[[nodiscard]] int integerFrameRate(float rate);
+
+/// Where the drop-frame decision comes from: what the user chose and what the file says; each
+/// absent until known.
+struct DropFrameSources
+{
+    std::optional<bool> userPrefersDropFrame;
+    std::optional<bool> detectedIsDropFrame;
+};
+
+/// Whether drop-frame counting applies at `rate`: never away from 29.97 and 59.94 (within 0.002);
+/// there the user's choice, else the file's flag, else true.
+[[nodiscard]] bool effectiveDropFrame(float rate, const DropFrameSources& sources);
+
+/// The distances between the markers' frame indices, in ascending order from frame 0. Markers at
+/// frame 0 and repeated frame indices add nothing, so the deltas sum to the last frame index.
+[[nodiscard]] std::vector<std::int64_t> frameDeltas(const std::vector<core::EditMarker>& markers);
+
+/// Frames from Session Start to Video Start at the snapped `nominalFPS` (negative when the video
+/// starts before the session); absent when either digit string is not a timecode at that rate.
+[[nodiscard]] std::optional<std::int64_t> videoStartOffsetFrames(
+    float nominalFPS,
+    const DropFrameSources& sources,
+    std::string_view sessionStartDigits,
+    std::string_view videoStartDigits);
+
+/// The MIDI rate code for the snapped `nominalFPS` and its effective drop-frame flag; 24 fps for a
+/// rate that is none of the supported ones.
+[[nodiscard]] midi::MIDIFrameRate exportRateCode(float nominalFPS, const DropFrameSources& sources);
+
+/// Why markers cannot be exported.
+enum class ExportError : std::uint8_t { noMarkers, invalidTimecode };
+
+/// The error value of `error`: domain "ExportError", its case as the code, its fixed text
+/// ("There are no markers to export.", "Invalid timecode. Please check Session Start and Video
+/// Start.").
+[[nodiscard]] core::Error exportError(ExportError error);
+
+/// Everything an export needs besides the exporter.
+struct MarkerExport
+{
+    std::vector<core::EditMarker> markers;
+    float nominalFPS = 29.97F;
+    DropFrameSources dropFrame;
+    std::string_view sessionStartDigits = "00000000";
+    std::string_view videoStartDigits = "01000000";
+    /// Text of every cut marker; the first marker is always "VIDEO START".
+    std::string_view markerName = " ";
+};
+
+/// The bytes of the marker file: fails with noMarkers when there are no markers and with
+/// invalidTimecode when a timecode has no frame count; otherwise the exporter's result (its own
+/// errors passed on), with the video's start placed at the offset from the session's start,
+/// clamped at 0.
+[[nodiscard]] core::Expected<std::vector<std::uint8_t>> makeMIDIData(
+    const MarkerExport& request, midi::MIDIExportService& exporter);
+
+}  // namespace kestrin::app

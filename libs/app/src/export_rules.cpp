@@ -1,0 +1,156 @@
+#include <kestrin/app/export_rules.hpp>
+#include <kestrin/timecode/timecode.hpp>
+
+#include <algorithm>
+#include <cmath>
+
+namespace kestrin::app {
+namespace {
+
+bool within(float rate, float named, float tolerance)
+{
+    return std::fabs(rate - named) < tolerance;
+}
+
+constexpr float kDropFrameTolerance = 0.002F;
+constexpr float kRateTolerance = 0.01F;
+
+}  // namespace
+
+float snapFrameRate(float rate)
+{
+    if (std::isnan(rate)) {
+        return kSupportedFrameRates[0];
+    }
+    float best = std::fabs(24.0F - rate) < std::fabs(23.976F - rate) ? 24.0F : 23.976F;
+    for (std::size_t i = 2; i < kSupportedFrameRates.size(); ++i) {
+        const float candidate = kSupportedFrameRates[i];
+        if (std::fabs(candidate - rate) < std::fabs(best - rate)) {
+            best = candidate;
+        }
+    }
+    return best;
+}
+
+int integerFrameRate(float rate)
+{
+    if (within(rate, 23.976F, kRateTolerance)) {
+        return 24;
+    }
+    if (within(rate, 29.97F, kRateTolerance)) {
+        return 30;
+    }
+    if (within(rate, 59.94F, kRateTolerance)) {
+        return 60;
+    }
+    // Snapped rates only reach here; the clamp keeps any other float from overflowing the cast.
+    return static_cast<int>(std::round(std::clamp(rate, -1.0e6F, 1.0e6F)));
+}
+
+bool effectiveDropFrame(float rate, const DropFrameSources& sources)
+{
+    if (!within(rate, 29.97F, kDropFrameTolerance) && !within(rate, 59.94F, kDropFrameTolerance)) {
+        return false;
+    }
+    return sources.userPrefersDropFrame.value_or(sources.detectedIsDropFrame.value_or(true));
+}
+
+std::vector<std::int64_t> frameDeltas(const std::vector<core::EditMarker>& markers)
+{
+    std::vector<std::int64_t> indices;
+    indices.reserve(markers.size());
+    for (const core::EditMarker& marker : markers) {
+        indices.push_back(marker.frameIndex);
+    }
+    std::sort(indices.begin(), indices.end());
+    std::vector<std::int64_t> deltas;
+    std::int64_t previous = 0;
+    for (const std::int64_t index : indices) {
+        if (index - previous >= 1) {
+            deltas.push_back(index - previous);
+        }
+        previous = index;
+    }
+    return deltas;
+}
+
+std::optional<std::int64_t> videoStartOffsetFrames(float nominalFPS,
+                                                   const DropFrameSources& sources,
+                                                   std::string_view sessionStartDigits,
+                                                   std::string_view videoStartDigits)
+{
+    const float rate = snapFrameRate(nominalFPS);
+    const auto counting = effectiveDropFrame(rate, sources) ? timecode::FrameCounting::DropFrame
+                                                            : timecode::FrameCounting::NonDrop;
+    const int base = integerFrameRate(rate);
+    const auto session = timecode::timecodeFrameCount(sessionStartDigits, base, counting);
+    const auto video = timecode::timecodeFrameCount(videoStartDigits, base, counting);
+    if (!session || !video) {
+        return std::nullopt;
+    }
+    return *video - *session;
+}
+
+midi::MIDIFrameRate exportRateCode(float nominalFPS, const DropFrameSources& sources)
+{
+    using midi::MIDIFrameRate;
+    const float rate = snapFrameRate(nominalFPS);
+    const bool dropFrame = effectiveDropFrame(rate, sources);
+    struct Row
+    {
+        float rate;
+        float tolerance;
+        MIDIFrameRate code;
+        MIDIFrameRate dropFrameCode;
+    };
+    static constexpr Row kRows[] = {
+        {23.976F, kRateTolerance, MIDIFrameRate::Fps23976, MIDIFrameRate::Fps23976},
+        {24.0F, kRateTolerance, MIDIFrameRate::Fps24, MIDIFrameRate::Fps24},
+        {25.0F, kRateTolerance, MIDIFrameRate::Fps25, MIDIFrameRate::Fps25},
+        {29.97F, kRateTolerance, MIDIFrameRate::Fps2997NonDrop, MIDIFrameRate::Fps2997DropFrame},
+        {30.0F, kRateTolerance, MIDIFrameRate::Fps30, MIDIFrameRate::Fps30},
+        {50.0F, kRateTolerance, MIDIFrameRate::Fps50, MIDIFrameRate::Fps50},
+        {59.94F, 0.05F, MIDIFrameRate::Fps5994NonDrop, MIDIFrameRate::Fps5994DropFrame},
+        {60.0F, kRateTolerance, MIDIFrameRate::Fps60, MIDIFrameRate::Fps60},
+    };
+    for (const Row& row : kRows) {
+        if (within(rate, row.rate, row.tolerance)) {
+            return dropFrame ? row.dropFrameCode : row.code;
+        }
+    }
+    return MIDIFrameRate::Fps24;
+}
+
+core::Error exportError(ExportError error)
+{
+    switch (error) {
+        case ExportError::noMarkers:
+            return {"ExportError", 0, "There are no markers to export."};
+        case ExportError::invalidTimecode:
+            break;
+    }
+    return {"ExportError", 1, "Invalid timecode. Please check Session Start and Video Start."};
+}
+
+core::Expected<std::vector<std::uint8_t>> makeMIDIData(const MarkerExport& request,
+                                                       midi::MIDIExportService& exporter)
+{
+    if (request.markers.empty()) {
+        return exportError(ExportError::noMarkers);
+    }
+    const auto offset = videoStartOffsetFrames(request.nominalFPS,
+                                               request.dropFrame,
+                                               request.sessionStartDigits,
+                                               request.videoStartDigits);
+    if (!offset) {
+        return exportError(ExportError::invalidTimecode);
+    }
+    return exporter.exportMarkerFile(frameDeltas(request.markers),
+                                     exportRateCode(request.nominalFPS, request.dropFrame),
+                                     request.markerName,
+                                     "VIDEO START",
+                                     std::max<std::int64_t>(*offset, 0),
+                                     0);
+}
+
+}  // namespace kestrin::app

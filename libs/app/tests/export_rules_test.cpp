@@ -1,0 +1,147 @@
+#include <kestrin/app/export_rules.hpp>
+#include <kestrin/midi/standard_midi_export_service.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <iterator>
+#include <limits>
+
+namespace kestrin::app {
+namespace {
+
+using midi::MIDIFrameRate;
+
+TEST(FrameRateRules, SnapToTheNearestSupportedRateTiesToTheEarlier)
+{
+    const std::pair<float, float> rows[] = {
+        {23.98F, 23.976F},
+        {24.5F, 24.0F},
+        {29.9F, 29.97F},
+        {40.0F, 30.0F},
+        {45.0F, 50.0F},
+        {55.0F, 59.94F},
+        {1000.0F, 60.0F},
+        {0.5F, 23.976F},
+        {std::nanf(""), 23.976F},
+    };
+    for (const auto& [rate, snapped] : rows) {
+        EXPECT_EQ(snapFrameRate(rate), snapped) << rate;
+    }
+    const int bases[] = {24, 24, 25, 30, 30, 50, 60, 60};
+    for (std::size_t i = 0; i < kSupportedFrameRates.size(); ++i) {
+        EXPECT_EQ(integerFrameRate(kSupportedFrameRates[i]), bases[i]);
+    }
+}
+
+TEST(FrameRateRules, DropFrameOnlyAt2997And5994WhereTheUserOutranksTheFile)
+{
+    const DropFrameSources none;
+    const DropFrameSources fileSaysNonDrop{std::nullopt, false};
+    const DropFrameSources userSaysDrop{true, false};
+    EXPECT_TRUE(effectiveDropFrame(29.97F, none));
+    EXPECT_TRUE(effectiveDropFrame(59.94F, none));
+    EXPECT_FALSE(effectiveDropFrame(29.97F, fileSaysNonDrop));
+    EXPECT_TRUE(effectiveDropFrame(29.97F, userSaysDrop));
+    EXPECT_FALSE(effectiveDropFrame(25.0F, userSaysDrop));
+    EXPECT_FALSE(effectiveDropFrame(30.0F, none));
+}
+
+TEST(ExportRules, RateCodesFollowTheSnappedRateAndTheEffectiveFlag)
+{
+    struct Row
+    {
+        float rate;
+        DropFrameSources sources;
+        MIDIFrameRate code;
+    };
+    const DropFrameSources nonDrop{false, std::nullopt};
+    const Row rows[] = {
+        {23.976F, {}, MIDIFrameRate::Fps23976},
+        {24.0F, {}, MIDIFrameRate::Fps24},
+        {25.0F, {}, MIDIFrameRate::Fps25},
+        {29.97F, {}, MIDIFrameRate::Fps2997DropFrame},
+        {29.97F, nonDrop, MIDIFrameRate::Fps2997NonDrop},
+        {30.0F, {}, MIDIFrameRate::Fps30},
+        {50.0F, {}, MIDIFrameRate::Fps50},
+        {59.94F, {}, MIDIFrameRate::Fps5994DropFrame},
+        {59.94F, nonDrop, MIDIFrameRate::Fps5994NonDrop},
+        {60.0F, {}, MIDIFrameRate::Fps60},
+        {29.5F, {}, MIDIFrameRate::Fps2997DropFrame},  // snapped first
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(exportRateCode(row.rate, row.sources), row.code) << row.rate;
+    }
+}
+
+TEST(ExportRules, DeltasSkipFrameZeroAndRepeats)
+{
+    const auto marker = [](std::int64_t frame) {
+        return core::EditMarker{frame, core::MediaTime::make(frame, 25), std::nullopt};
+    };
+    EXPECT_EQ(frameDeltas({marker(130), marker(0), marker(50), marker(100), marker(50)}),
+              (std::vector<std::int64_t>{50, 50, 30}));
+    EXPECT_TRUE(frameDeltas({marker(0)}).empty());
+}
+
+TEST(ExportRules, OffsetCountsFromSessionStartToVideoStart)
+{
+    EXPECT_EQ(videoStartOffsetFrames(25.0F, {}, "00000000", "00001000"), 250);
+    EXPECT_EQ(videoStartOffsetFrames(29.97F, {}, "00000000", "01000000"), 107892);
+    EXPECT_EQ(videoStartOffsetFrames(29.97F, {false, std::nullopt}, "00000000", "01000000"),
+              108000);
+    EXPECT_EQ(videoStartOffsetFrames(25.0F, {}, "00001000", "00000000"), -250);
+    EXPECT_EQ(videoStartOffsetFrames(29.97F, {}, "00010000", "01000000"),
+              std::nullopt);  // dropped label
+    EXPECT_EQ(videoStartOffsetFrames(25.0F, {}, "00000000", "00006000"), std::nullopt);
+}
+
+class MakeMIDIData : public testing::Test
+{
+protected:
+    midi::StandardMIDIExportService exporter_;
+    MarkerExport request_{{core::EditMarker{100, core::MediaTime::make(4, 1), std::nullopt}},
+                          25.0F,
+                          {},
+                          "00000000",
+                          "00001000",
+                          " "};
+};
+
+TEST_F(MakeMIDIData, WorkedExampleIsTheGoldenFile)
+{
+    const auto bytes = makeMIDIData(request_, exporter_);
+    ASSERT_TRUE(bytes) << bytes.error().description;
+    std::ifstream golden(std::string(std::getenv("KESTRIN_SOURCE_DIR"))
+                             + "/libs/midi/tests/data/worked_example_25fps.mid",
+                         std::ios::binary);
+    const std::vector<std::uint8_t> expected{std::istreambuf_iterator<char>(golden), {}};
+    EXPECT_EQ(*bytes, expected);
+}
+
+TEST_F(MakeMIDIData, RefusesWithoutMarkersOrWithAnInvalidTimecode)
+{
+    MarkerExport empty = request_;
+    empty.markers.clear();
+    EXPECT_EQ(makeMIDIData(empty, exporter_).error().description,
+              "There are no markers to export.");
+    MarkerExport invalid = request_;
+    invalid.sessionStartDigits = "00006000";
+    EXPECT_EQ(makeMIDIData(invalid, exporter_).error().description,
+              "Invalid timecode. Please check Session Start and Video Start.");
+
+    // A video that starts before the session is placed at the session's start.
+    MarkerExport early = request_;
+    early.sessionStartDigits = "00002000";
+    const auto bytes = makeMIDIData(early, exporter_);
+    ASSERT_TRUE(bytes);
+    const std::vector<std::uint8_t> videoStartAtTickZero = {0x00, 0xFF, 0x06, 0x0B, 'V'};
+    EXPECT_NE(
+        std::search(
+            bytes->begin(), bytes->end(), videoStartAtTickZero.begin(), videoStartAtTickZero.end()),
+        bytes->end());
+}
+
+}  // namespace
+}  // namespace kestrin::app
