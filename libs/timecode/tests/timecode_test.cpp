@@ -6,6 +6,8 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace kestrin::timecode {
@@ -15,6 +17,8 @@ constexpr auto kNonDrop = FrameCounting::NonDrop;
 constexpr auto kDropFrame = FrameCounting::DropFrame;
 constexpr auto kThirty = DropFrameBase::Thirty;
 constexpr auto kSixty = DropFrameBase::Sixty;
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+constexpr std::optional<std::int64_t> kNone;
 
 // Characters used below, written as escapes:
 //   \u0661\u0662  ARABIC-INDIC DIGIT ONE, TWO   numeric, but no ASCII digits
@@ -23,15 +27,11 @@ constexpr auto kSixty = DropFrameBase::Sixty;
 //   \u00BD        VULGAR FRACTION ONE HALF      numeric
 //   \u0301        COMBINING ACUTE ACCENT        joins the character before it
 //   1\uFE0F\u20E3  keycap 1                      one character, numeric (starts with "1")
+//   \U0001F1EB\U0001F1F7  flag of France (two regional indicators), one character, not numeric
 
 TEST(TimecodeNumericOnly, KeepsWholeNumericCharactersInOrder)
 {
-    struct Row
-    {
-        std::string text;
-        std::string expected;
-    };
-    const std::vector<Row> rows = {
+    const std::pair<std::string, std::string> rows[] = {
         {"", ""},
         {"a1:2", "12"},
         {"\r\n1\r\n2", "12"},
@@ -43,23 +43,18 @@ TEST(TimecodeNumericOnly, KeepsWholeNumericCharactersInOrder)
         // Ill-formed UTF-8 is no numeral, and does not swallow the digits around it.
         {"\xFF"
          "1\xC3"
-         "2\x80",
-         "12"},
+         "2\x80\xF4\x90\x80\x80\xED\xA0\x80"
+         "3",
+         "123"},
     };
-    for (const Row& row : rows) {
-        EXPECT_EQ(numericOnly(row.text), row.expected) << row.text;
+    for (const auto& [text, expected] : rows) {
+        EXPECT_EQ(numericOnly(text), expected) << text;
     }
 }
 
 TEST(TimecodeDisplayString, PadsToEightCharactersAndSeparatesGroups)
 {
-    struct Row
-    {
-        std::string digits;
-        FrameCounting counting;
-        std::string expected;
-    };
-    const std::vector<Row> rows = {
+    const std::tuple<std::string, FrameCounting, std::string> rows[] = {
         {"", kNonDrop, "00:00:00:00"},
         {"1234", kNonDrop, "00:00:12:34"},
         {"01000000", kDropFrame, "01:00:00;00"},
@@ -70,177 +65,113 @@ TEST(TimecodeDisplayString, PadsToEightCharactersAndSeparatesGroups)
         {"1\u03012", kNonDrop, "00:00:00:1\u03012"},
         {"1\uFE0F\u20E32345678", kDropFrame, "1\uFE0F\u20E32:34:56;78"},
     };
-    for (const Row& row : rows) {
-        EXPECT_EQ(timecodeDisplayString(row.digits, row.counting), row.expected) << row.digits;
+    for (const auto& [digits, counting, expected] : rows) {
+        EXPECT_EQ(timecodeDisplayString(digits, counting), expected) << digits;
     }
 }
 
-TEST(TimecodeValidity, ChecksEachGroupAgainstTheRate)
+// Every label of a day at the usual rates is also checked against libavutil; these rows hold
+// the boundaries past it, the rates it leaves out and digit strings that are not plain labels.
+TEST(TimecodeDigits, ValidityAndFrameCountAtTheRate)
 {
-    struct Row
-    {
-        std::string digits;
-        FrameCounting counting;
-        float nominalFps;
-        bool expected;
+    // Digits, counting, nominal rate (the count uses its frame base), valid, frame count.
+    using Row = std::tuple<std::string, FrameCounting, float, bool, std::optional<std::int64_t>>;
+    const Row rows[] = {
+        {"", kNonDrop, 25.0F, false, 0},
+        {"1", kNonDrop, 25.0F, true, 1},
+        {"00000025", kNonDrop, 25.0F, false, kNone},
+        {"24", kNonDrop, 23.976F, false, kNone},
+        {"00010000", kNonDrop, 29.97F, true, 1800},
+        {"24000000", kNonDrop, 30.0F, false, 2592000},
+        {"99595929", kNonDrop, 30.0F, false, 10799999},
+        {"99595929", kNonDrop, kInfinity, false, 773091965436382},
+        {"00600000", kNonDrop, 30.0F, false, kNone},
+        {"00006000", kNonDrop, 30.0F, false, kNone},
+        {"123456789", kNonDrop, 30.0F, false, kNone},
+        {"01:00:00:12", kNonDrop, 30.0F, false, 108012},
+        // Drop-frame skips frames 00 and 01 (00 to 03 at 59.94) except every tenth minute.
+        {"00010000", kDropFrame, 29.97F, false, kNone},
+        {"00010001", kDropFrame, 29.97F, false, kNone},
+        {"00010002", kDropFrame, 29.97F, true, 1800},
+        {"00100000", kDropFrame, 29.97F, true, 17982},
+        {"01000000", kDropFrame, 29.97F, true, 107892},
+        {"00000030", kDropFrame, 29.97F, false, kNone},
+        {"00010003", kDropFrame, 59.94F, false, kNone},
+        {"00010004", kDropFrame, 59.94F, true, 3600},
+        {"01000000", kDropFrame, 59.94F, true, 215784},
+        {"00000060", kDropFrame, 59.94F, false, kNone},
+        // Validity reads an unreadable hours group as 0 and any other as 99; the count reads
+        // them as 0, except that drop-frame reads the label back as text.
+        {"00\u0661\u06620000", kNonDrop, 30.0F, false, 0},
+        {"0000\u00B2000", kNonDrop, 30.0F, false, 0},
+        {"000000\u2460", kNonDrop, 30.0F, false, 0},
+        {"\u0661\u0662000000", kNonDrop, 30.0F, true, 0},
+        {"\u0661\u0662010002", kDropFrame, 29.97F, true, kNone},
+        {"01\u0661\u06620005", kNonDrop, 30.0F, false, 108005},
+        {"1\u03010000000", kNonDrop, 30.0F, true, 0},
+        {"0000001\u0301", kNonDrop, 30.0F, false, 0},
+        // Validity counts characters: CR LF and a flag are one each, so hours read "\r\n1" and
+        // "<flag>1" (0) and there are eight; a control ends a character before a combining mark,
+        // so there are nine; a leading combining mark joins the last "0" of the padding: seven.
+        {"\r\n1234512", kNonDrop, 30.0F, true, 150762},
+        {"\U0001F1EB\U0001F1F71234512", kNonDrop, 30.0F, true, 150762},
+        {"\n\u03011234512", kNonDrop, 30.0F, false, 150762},
+        {"\u0301", kNonDrop, 30.0F, false, 0},
     };
-    const std::vector<Row> rows = {
-        {"", kNonDrop, 25.0F, false},
-        {"1", kNonDrop, 25.0F, true},
-        {"25", kNonDrop, 25.0F, false},
-        {"23", kNonDrop, 23.976F, true},
-        {"24", kNonDrop, 23.976F, false},
-        {"23595929", kNonDrop, 29.97F, true},
-        {"24000000", kNonDrop, 29.97F, false},
-        {"00600000", kNonDrop, 30.0F, false},
-        {"00006000", kNonDrop, 30.0F, false},
-        {"00010000", kNonDrop, 29.97F, true},
-        {"123456789", kNonDrop, 30.0F, false},
-        {"00010000", kDropFrame, 29.97F, false},
-        {"00010001", kDropFrame, 29.97F, false},
-        {"00010002", kDropFrame, 29.97F, true},
-        {"00100000", kDropFrame, 29.97F, true},
-        {"00000000", kDropFrame, 29.97F, true},
-        {"00000030", kDropFrame, 29.97F, false},
-        {"23595929", kDropFrame, 29.97F, true},
-        {"00010003", kDropFrame, 59.94F, false},
-        {"00010004", kDropFrame, 59.94F, true},
-        {"00000060", kDropFrame, 59.94F, false},
-        // Unreadable minutes, seconds or frames count as 99; unreadable hours as 0.
-        {"00\u0661\u06620000", kNonDrop, 30.0F, false},
-        {"0000\u00B2000", kNonDrop, 30.0F, false},
-        {"000000\u2460", kNonDrop, 30.0F, false},
-        {"\u0661\u0662000000", kNonDrop, 30.0F, true},
-        {"\u0661\u0662010002", kDropFrame, 29.97F, true},
-        {"1\u03010000000", kNonDrop, 30.0F, true},
-        {"0000001\u0301", kNonDrop, 30.0F, false},
-        // CR LF is one character (hours "\r\n1", unreadable): eight in all, not nine.
-        {"\r\n1234512", kNonDrop, 30.0F, true},
-        // A leading combining mark joins the last "0" of the padding: seven characters.
-        {"\u0301", kNonDrop, 30.0F, false},
-    };
-    for (const Row& row : rows) {
-        EXPECT_EQ(isValidTimecodeDigits(row.digits, row.counting, row.nominalFps), row.expected)
-            << row.digits << " at " << row.nominalFps
-            << (row.counting == kDropFrame ? " drop-frame" : " non-drop");
+    for (const auto& [digits, counting, nominalFps, valid, count] : rows) {
+        SCOPED_TRACE(digits + " at " + std::to_string(nominalFps)
+                     + (counting == kDropFrame ? " drop-frame" : " non-drop"));
+        EXPECT_EQ(isValidTimecodeDigits(digits, counting, nominalFps), valid);
+        EXPECT_EQ(timecodeFrameCount(digits, formatterFrameBase(nominalFps), counting), count);
     }
+    EXPECT_EQ(timecodeFrameCount("00000000", 0, kNonDrop), kNone);
 }
 
-TEST(TimecodeFrameCount, CountsNonDropAndDropFrame)
+TEST(TimecodeParse, ReadsFourSignedIntegersOfALabelThatExists)
 {
-    struct Row
-    {
-        std::string digits;
-        int fps;
-        FrameCounting counting;
-        std::optional<std::int64_t> expected;
-    };
-    const std::vector<Row> rows = {
-        {"00010000", 30, kNonDrop, 1800},
-        {"24000000", 30, kNonDrop, 2592000},
-        {"99595929", 30, kNonDrop, 10799999},
-        {"99595929", std::numeric_limits<int>::max(), kNonDrop, 773091965436382},
-        {"00000025", 25, kNonDrop, std::nullopt},
-        {"00000000", 0, kNonDrop, std::nullopt},
-        {"00600000", 30, kNonDrop, std::nullopt},
-        {"00006000", 30, kNonDrop, std::nullopt},
-        {"123456789", 30, kNonDrop, std::nullopt},
-        {"01:00:00:12", 30, kNonDrop, 108012},
-        {"00010000", 30, kDropFrame, std::nullopt},
-        {"00010001", 30, kDropFrame, std::nullopt},
-        {"00010002", 30, kDropFrame, 1800},
-        {"00100000", 30, kDropFrame, 17982},
-        {"01000000", 30, kDropFrame, 107892},
-        {"23595929", 30, kDropFrame, 2589407},
-        {"00010003", 60, kDropFrame, std::nullopt},
-        {"00010004", 60, kDropFrame, 3600},
-        {"01000000", 60, kDropFrame, 215784},
-        // An unreadable group counts as 0, except that drop-frame reads the label back as text.
-        {"01\u0661\u06620005", 30, kNonDrop, 108005},
-        {"01\u0661\u06620005", 30, kDropFrame, std::nullopt},
-        {"0000001\u0301", 30, kNonDrop, 0},
-    };
-    for (const Row& row : rows) {
-        EXPECT_EQ(timecodeFrameCount(row.digits, row.fps, row.counting), row.expected)
-            << row.digits << " at " << row.fps
-            << (row.counting == kDropFrame ? " drop-frame" : " non-drop");
-    }
-}
-
-TEST(TimecodeParse, ReadsFourSignedIntegers)
-{
-    struct Row
-    {
-        std::string text;
-        std::optional<TimecodeComponents> expected;
-    };
     constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
     constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
-    const std::vector<Row> rows = {
-        {"01:02:03;04", TimecodeComponents{1, 2, 3, 4}},
-        {"01:02:03:04", TimecodeComponents{1, 2, 3, 4}},
-        {"::1;;2:3:4:", TimecodeComponents{1, 2, 3, 4}},
-        {"+1:+2:+3:+4", TimecodeComponents{1, 2, 3, 4}},
-        {"-1:00:00:00", TimecodeComponents{-1, 0, 0, 0}},
-        {"00000000000000000000001:0:0:0", TimecodeComponents{1, 0, 0, 0}},
-        {"9223372036854775807:0:0:0", TimecodeComponents{kMax, 0, 0, 0}},
-        {"-9223372036854775808:0:0:0", TimecodeComponents{kMin, 0, 0, 0}},
-        {"9223372036854775808:0:0:0", std::nullopt},
-        {"01:02:03", std::nullopt},
-        {"01:02:03:04:05", std::nullopt},
-        {"1 :2:3:4", std::nullopt},
-        {"+:1:2:3", std::nullopt},
-        {"a:b:c:d", std::nullopt},
-        {"\u0661:00:00:00", std::nullopt},
-        {"1\u0301:00:00:00", std::nullopt},
-        {"00:-1:00:00", std::nullopt},
-        {"00:60:00:00", std::nullopt},
-        {"00:00:60:00", std::nullopt},
-        {"00:00:00:-1", std::nullopt},
+    const std::optional<TimecodeComponents> none;
+    const std::tuple<std::string, DropFrameBase, std::optional<TimecodeComponents>> rows[] = {
+        {"01:02:03;04", kThirty, TimecodeComponents{1, 2, 3, 4}},
+        {"01:02:03:04", kThirty, TimecodeComponents{1, 2, 3, 4}},
+        {"::1;;2:3:4:", kThirty, TimecodeComponents{1, 2, 3, 4}},
+        {"+1:+2:+3:+4", kThirty, TimecodeComponents{1, 2, 3, 4}},
+        {"-1:00:00:00", kThirty, TimecodeComponents{-1, 0, 0, 0}},
+        {"00000000000000000000001:0:0:0", kThirty, TimecodeComponents{1, 0, 0, 0}},
+        {"9223372036854775807:0:0:0", kThirty, TimecodeComponents{kMax, 0, 0, 0}},
+        {"-9223372036854775808:0:0:0", kThirty, TimecodeComponents{kMin, 0, 0, 0}},
+        {"9223372036854775808:0:0:0", kThirty, none},
+        {"01:02:03", kThirty, none},
+        {"01:02:03:04:05", kThirty, none},
+        {"1 :2:3:4", kThirty, none},
+        {"+:1:2:3", kThirty, none},
+        {"\u0661:00:00:00", kThirty, none},
+        {"1\u0301:00:00:00", kThirty, none},
+        {"00:-1:00:00", kThirty, none},
+        {"00:60:00:00", kThirty, none},
+        {"00:00:60:00", kThirty, none},
+        {"00:00:00:-1", kThirty, none},
+        {"00:00:00;29", kThirty, TimecodeComponents{0, 0, 0, 29}},
+        {"00:00:00;30", kThirty, none},
+        {"00:00:00;59", kSixty, TimecodeComponents{0, 0, 0, 59}},
+        {"00:00:00;60", kSixty, none},
+        {"00:01:00;01", kThirty, none},
+        {"00:01:00;03", kSixty, none},
+        {"00:01:00;04", kSixty, TimecodeComponents{0, 1, 0, 4}},
+        {"00:01:01;00", kThirty, TimecodeComponents{0, 1, 1, 0}},
+        {"00:10:00;00", kSixty, TimecodeComponents{0, 10, 0, 0}},
+        {"05:59:00;01", kThirty, none},
     };
-    for (const Row& row : rows) {
-        EXPECT_EQ(parseTimecode(row.text, kThirty), row.expected) << row.text;
-    }
-}
-
-TEST(TimecodeParse, RefusesFrameNumbersThatDropFrameSkips)
-{
-    struct Row
-    {
-        std::string text;
-        DropFrameBase base;
-        bool exists;
-    };
-    const std::vector<Row> rows = {
-        {"00:00:00;29", kThirty, true},
-        {"00:00:00;30", kThirty, false},
-        {"00:00:00;30", kSixty, true},
-        {"00:00:00;60", kSixty, false},
-        {"00:01:00;01", kThirty, false},
-        {"00:01:00;02", kThirty, true},
-        {"00:01:00;03", kSixty, false},
-        {"00:01:00;04", kSixty, true},
-        {"00:01:01;00", kThirty, true},
-        {"00:10:00;00", kThirty, true},
-        {"00:10:00;00", kSixty, true},
-        {"05:59:00;01", kThirty, false},
-    };
-    for (const Row& row : rows) {
-        EXPECT_EQ(parseTimecode(row.text, row.base).has_value(), row.exists)
-            << row.text << (row.base == kSixty ? " over sixty" : " over thirty");
+    for (const auto& [text, base, expected] : rows) {
+        EXPECT_EQ(parseTimecode(text, base), expected)
+            << text << (base == kSixty ? " over sixty" : " over thirty");
     }
 }
 
 TEST(TimecodeDropFrameCount, CountsFromMidnightWithoutTheSkippedNumbers)
 {
-    struct Row
-    {
-        std::string text;
-        DropFrameBase base;
-        std::optional<std::int64_t> expected;
-    };
-    const std::vector<Row> rows = {
-        // The worked table beside the count.
+    const std::tuple<std::string, DropFrameBase, std::optional<std::int64_t>> rows[] = {
         {"00:01:00;02", kThirty, 1800},
         {"00:10:00;00", kThirty, 17982},
         {"01:00:00;00", kThirty, 107892},
@@ -250,27 +181,21 @@ TEST(TimecodeDropFrameCount, CountsFromMidnightWithoutTheSkippedNumbers)
         {"23:59:59;29", kThirty, 24 * 107892 - 1},
         {"23:59:59;59", kSixty, 24 * 215784 - 1},
         {"00:09:59;29", kThirty, 17981},
-        {"00:01:00;00", kThirty, std::nullopt},
+        {"00:01:00;00", kThirty, kNone},
         {"-1:00:00;00", kThirty, 0},
-        {"9223372036854775807:00:00;00", kThirty, std::nullopt},
-        {"-9223372036854775808:00:00;00", kSixty, std::nullopt},
+        {"9223372036854775807:00:00;00", kThirty, kNone},
+        {"-9223372036854775808:00:00;00", kSixty, kNone},
     };
-    for (const Row& row : rows) {
-        EXPECT_EQ(dropFrameCount(row.text, row.base), row.expected)
-            << row.text << (row.base == kSixty ? " over sixty" : " over thirty");
+    for (const auto& [text, base, expected] : rows) {
+        EXPECT_EQ(dropFrameCount(text, base), expected)
+            << text << (base == kSixty ? " over sixty" : " over thirty");
     }
 }
 
 TEST(TimecodeFrameBase, NamesStandardRatesAndRoundsOthers)
 {
-    struct Row
-    {
-        float nominalFps;
-        int expected;
-    };
-    constexpr float kInfinity = std::numeric_limits<float>::infinity();
     constexpr int kLargest = std::numeric_limits<int>::max();
-    const std::vector<Row> rows = {
+    const std::pair<float, int> rows[] = {
         {23.976F, 24},      {24.0F, 24},           {25.0F, 25},
         {29.97F, 30},       {30.0F, 30},           {50.0F, 50},
         {59.94F, 60},       {60.0F, 60},           {2.5F, 3},
@@ -279,8 +204,8 @@ TEST(TimecodeFrameBase, NamesStandardRatesAndRoundsOthers)
         {-kInfinity, 1},    {kInfinity, kLargest}, {std::numeric_limits<float>::max(), kLargest},
         {3.0e9F, kLargest},
     };
-    for (const Row& row : rows) {
-        EXPECT_EQ(formatterFrameBase(row.nominalFps), row.expected) << row.nominalFps;
+    for (const auto& [nominalFps, expected] : rows) {
+        EXPECT_EQ(formatterFrameBase(nominalFps), expected) << nominalFps;
     }
 }
 
