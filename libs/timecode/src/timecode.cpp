@@ -359,6 +359,51 @@ std::optional<std::int64_t> dropFrameCount(std::string_view text, DropFrameBase 
     return dropFrameCountOf(*c, base);
 }
 
+std::optional<std::string> timecodeTextForFrame(std::int64_t frame, int fps, FrameCounting counting)
+{
+    if (frame < 0 || fps < 1) {
+        return std::nullopt;
+    }
+    std::int64_t perSecond = fps;
+    std::int64_t label = frame;  // the frame's position had no label been skipped
+    if (counting == FrameCounting::DropFrame) {
+        const DropFrameBase base = fps > 59 ? DropFrameBase::Sixty : DropFrameBase::Thirty;
+        perSecond = nominalFramesPerSecond(base);
+        // Each ten-minute block holds one full minute and nine minutes short by `dropped`
+        // (17982 frames over thirty). Within a block, every minute after the first adds the
+        // dropped numbers back; the first `dropped` frames of the block belong to its full minute.
+        //
+        //   frame    blocks  within   label
+        //    1799      0      1799    1799 + 2 × ((1799 − 2) / 1798) = 1799   00:00:59;29
+        //    1800      0      1800    1800 + 2 × ((1800 − 2) / 1798) = 1802   00:01:00;02
+        //   17982      1         0    17982 + 18 × 1                 = 18000  00:10:00;00
+        const std::int64_t dropped = droppedPerMinute(base);
+        const std::int64_t perBlock = 600 * perSecond - 9 * dropped;
+        const std::int64_t perShortMinute = 60 * perSecond - dropped;
+        const std::int64_t blocks = frame / perBlock;
+        const std::int64_t within = frame % perBlock;
+        label = frame + 9 * dropped * blocks;
+        if (within >= dropped) {
+            label += dropped * ((within - dropped) / perShortMinute);
+        }
+    }
+    const std::int64_t totalSeconds = label / perSecond;
+    std::string text(11, '0');
+    const auto put = [&text](std::size_t at, std::int64_t value) {
+        text[at] = static_cast<char>('0' + value / 10);
+        text[at + 1] = static_cast<char>('0' + value % 10);
+    };
+    put(0, totalSeconds / 3600 % 24);
+    text[2] = ':';
+    put(3, totalSeconds / 60 % 60);
+    text[5] = ':';
+    put(6, totalSeconds % 60);
+    text[8] = counting == FrameCounting::DropFrame ? ';' : ':';
+    // Frame bases above 99 would need a third digit; no supported rate comes near.
+    put(9, label % perSecond % 100);
+    return text;
+}
+
 int formatterFrameBase(float nominalFps)
 {
     const double fps = nominalFps;

@@ -37,6 +37,7 @@ class TimecodeLibavutilCrossCheck : public ::testing::TestWithParam<DayAtRate>
 // Walks the labels 00:00:00:00 to 23:59:59:FF in time order, FF below the frame base (rewritten
 // in place, so the millions of labels cost no allocation of their own). Each valid
 // label must be counted as libavutil counts it and one frame after the valid label before it,
+// and must be the label our inverse gives for that count,
 // and each invalid one (skipped under drop-frame) must have no count. With as many valid labels
 // as the day has frames, valid labels and frame numbers then pair off one to one.
 TEST_P(TimecodeLibavutilCrossCheck, WholeDay)
@@ -66,6 +67,7 @@ TEST_P(TimecodeLibavutilCrossCheck, WholeDay)
         const bool agrees =
             valid ? av_timecode_init_from_string(&theirs, day.rate, label, nullptr) == 0
                         && ours == theirs.start && ours == validLabels
+                        && timecodeTextForFrame(*ours, day.frameBase, day.counting) == label
                   : !ours.has_value();
         if (!agrees && firstProblem.empty()) {
             firstProblem = std::string(label) + (valid ? " valid" : " invalid") + ", counted as "

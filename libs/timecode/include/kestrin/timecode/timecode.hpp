@@ -108,6 +108,15 @@ struct TimecodeComponents
 /// hours can do.
 [[nodiscard]] std::optional<std::int64_t> dropFrameCount(std::string_view text, DropFrameBase base);
 
+/// The timecode text of the frame `frame` frames after 00:00:00:00, counting `fps` whole frames a
+/// second (the frame base): the inverse of `timecodeFrameCount`. Under drop-frame (over
+/// `DropFrameBase::Sixty` when `fps` exceeds 59, else `DropFrameBase::Thirty`) the skipped labels
+/// are stepped over, so frame 1800 at 29.97 is "00:01:00;02". Hours wrap after 23, as on a day's
+/// clock. Absent for a negative frame or `fps` below 1.
+[[nodiscard]] std::optional<std::string> timecodeTextForFrame(std::int64_t frame,
+                                                              int fps,
+                                                              FrameCounting counting);
+
 /// The frame base for a nominal rate, computed in double precision: 24 closer than 0.02 to 23.976,
 /// 30 closer than 0.03 to 29.97, 60 closer than 0.05 to 59.94, otherwise the rate rounded to the
 /// nearest whole number (halves away from zero). Never below 1 (NaN, zero and negative rates give
