@@ -182,9 +182,9 @@ TEST(FFmpegSampleCursor, IndexedIntraOnlyTracksNeedNoFileAccess)
         auto cursor = firstVideoTrack(*asset)->makeSampleCursorAtFirstSampleInDecodeOrder();
         EXPECT_EQ(cursor != nullptr, isIndexed);
         if (cursor) {
-            EXPECT_EQ(cursor->stepInDecodeOrder(1000), 89);
+            EXPECT_EQ(cursor->stepInDecodeOrder(1000), 97);
             EXPECT_TRUE(cursor->currentSampleIsFullSync());
-            EXPECT_EQ(cursor->presentationTimeStamp(), core::MediaTime::make(89, 25));
+            EXPECT_EQ(cursor->presentationTimeStamp(), core::MediaTime::make(97, 25));
         }
     }
 }

@@ -3,6 +3,7 @@
 #include <kestrin/core/error.hpp>
 
 #include <cstdint>
+#include <string>
 
 namespace kestrin::scan {
 
@@ -54,6 +55,16 @@ inline core::Error decodeStartFailed()
 inline core::Error decodeFailed()
 {
     return {kDecodeDomain, -2, ""};
+}
+/// The scan needed a step that its service was built without (`step` names it).
+inline core::Error stepUnavailable(const std::string& step)
+{
+    return {kServiceDomain, -10, "The scan step \"" + step + "\" is not available."};
+}
+/// A scan step failed by throwing instead of returning an error (`what` is the exception's text).
+inline core::Error unexpectedFailure(const std::string& what)
+{
+    return {kServiceDomain, -11, "The scan failed unexpectedly: " + what};
 }
 /// The scan was stopped by its owner.
 inline core::Error cancelled()

@@ -1,0 +1,237 @@
+#include <kestrin/scan/edit_detection.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <iterator>
+#include <set>
+#include <thread>
+#include <utility>
+
+namespace kestrin::scan {
+namespace {
+
+constexpr float kNormalConsistency = 1.4826F;
+constexpr double kSecondsPerMinute = 60.0;
+
+// Cancels the signature reader on every way out of detection, as its owner is done with it.
+class CancelOnExit
+{
+public:
+    explicit CancelOnExit(media::FrameReader& reader)
+        : reader_(reader)
+    {}
+    CancelOnExit(const CancelOnExit&) = delete;
+    CancelOnExit& operator=(const CancelOnExit&) = delete;
+    ~CancelOnExit() { reader_.cancelReading(); }
+
+private:
+    media::FrameReader& reader_;
+};
+
+// How many of the highest scores stand in for candidates when none stands out.
+std::size_t fallbackCount(const core::MediaTime& duration)
+{
+    const double minutes = duration.seconds() / kSecondsPerMinute;
+    if (!std::isfinite(minutes)) {
+        return static_cast<std::size_t>(kFallbackCandidatesPerMinute);
+    }
+    return static_cast<std::size_t>(std::max(minutes, 1.0) * kFallbackCandidatesPerMinute);
+}
+
+// The frames whose score stands out from the rest; when none does, the highest scores.
+std::vector<Candidate> pickCandidates(const std::vector<FrameScore>& scores,
+                                      std::span<const float> scoresInOrder,
+                                      const core::MediaTime& duration)
+{
+    const float centre = median(scoresInOrder);
+    const float scale = std::max(kScaleFactor * robustSigma(scoresInOrder, centre), kScaleFloor);
+    std::vector<Candidate> candidates;
+    for (const FrameScore& scored : scores) {
+        if ((scored.score - centre) / scale >= kZThreshold) {
+            candidates.push_back({scored.frameIndex, scored.score});
+        }
+    }
+    if (!candidates.empty()) {
+        return candidates;
+    }
+    for (const FrameScore& scored : scores) {
+        candidates.push_back({scored.frameIndex, scored.score});
+    }
+    // Stable, so that of equal scores the earlier frame comes first.
+    std::stable_sort(candidates.begin(),
+                     candidates.end(),
+                     [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
+    candidates.resize(std::min(candidates.size(), fallbackCount(duration)));
+    return candidates;
+}
+
+}  // namespace
+
+int sampleStrideForRate(float framesPerSecond)
+{
+    if (!(framesPerSecond > 0.0F)) {  // also NaN
+        return 4;
+    }
+    if (framesPerSecond < 26.0F) {
+        return 3;
+    }
+    if (framesPerSecond < 40.0F) {
+        return 4;
+    }
+    return framesPerSecond < 70.0F ? 6 : 8;
+}
+
+float median(std::span<const float> values)
+{
+    if (values.empty()) {
+        return 0.0F;
+    }
+    std::vector<float> sorted(values.begin(), values.end());
+    std::sort(sorted.begin(), sorted.end());
+    const std::size_t middle = sorted.size() / 2;
+    if (sorted.size() % 2 == 1) {
+        return sorted[middle];
+    }
+    return (sorted[middle - 1] + sorted[middle]) / 2.0F;
+}
+
+float robustSigma(std::span<const float> values, float centre)
+{
+    std::vector<float> deviations;
+    deviations.reserve(values.size());
+    std::transform(
+        values.begin(), values.end(), std::back_inserter(deviations), [centre](float value) {
+            return std::abs(value - centre);
+        });
+    return median(deviations) * kNormalConsistency;
+}
+
+std::vector<Candidate> suppressNearbyCandidates(std::vector<Candidate> candidates,
+                                                std::int64_t radius)
+{
+    std::stable_sort(candidates.begin(),
+                     candidates.end(),
+                     [](const Candidate& a, const Candidate& b) { return a.score > b.score; });
+    // Blocking f - r ... f + r around every kept frame f drops exactly the candidates whose own
+    // neighbourhood meets it, i.e. those within 2 r of a kept frame.
+    const std::int64_t reach = 2 * radius;
+    std::set<std::int64_t> keptFrames;
+    std::vector<Candidate> kept;
+    for (const Candidate& candidate : candidates) {
+        const auto nearest = keptFrames.lower_bound(candidate.frameIndex - reach);
+        if (nearest != keptFrames.end() && *nearest <= candidate.frameIndex + reach) {
+            continue;
+        }
+        keptFrames.insert(candidate.frameIndex);
+        kept.push_back(candidate);
+    }
+    std::sort(kept.begin(), kept.end(), [](const Candidate& a, const Candidate& b) {
+        return a.frameIndex < b.frameIndex;
+    });
+    return kept;
+}
+
+std::vector<core::EditMarker> mergeNearbyMarkers(std::vector<core::EditMarker> markers,
+                                                 std::int64_t distance)
+{
+    std::stable_sort(
+        markers.begin(), markers.end(), [](const core::EditMarker& a, const core::EditMarker& b) {
+            return a.frameIndex < b.frameIndex;
+        });
+    std::vector<core::EditMarker> merged;
+    for (core::EditMarker& marker : markers) {
+        if (merged.empty() || std::abs(marker.frameIndex - merged.back().frameIndex) > distance) {
+            merged.push_back(std::move(marker));
+            continue;
+        }
+        core::EditMarker& last = merged.back();
+        if (!last.confidence || !marker.confidence || *last.confidence < *marker.confidence) {
+            last = std::move(marker);
+        }
+    }
+    return merged;
+}
+
+core::Expected<std::vector<core::EditMarker>> detectEditsByDecoding(
+    const media::AssetOpener& opener,
+    const std::filesystem::path& path,
+    const ProgressCallback& reportProgress,
+    std::stop_token stopToken,
+    const DetectionOptions& options)
+{
+    const auto asset = opener.openAsset(path, stopToken);
+    if (!asset) {
+        return asset.error();
+    }
+    const auto duration = (*asset)->duration();
+    if (!duration) {
+        return duration.error();
+    }
+    const auto tracks = (*asset)->tracks();
+    if (!tracks) {
+        return tracks.error();
+    }
+    const auto video = std::find_if(tracks->begin(), tracks->end(), [](const auto& track) {
+        return track->mediaType() == media::MediaType::video;
+    });
+    if (video == tracks->end()) {
+        return std::vector<core::EditMarker>{};
+    }
+    const media::Asset& theAsset = **asset;
+    const media::Track& track = **video;
+
+    auto reader = makeTrackReader(theAsset, track, stopToken);
+    if (!reader) {
+        return reader.error();
+    }
+    const CancelOnExit cancelSignatureReader(**reader);
+    const auto rate = track.nominalFrameRate();
+    if (!rate) {
+        return rate.error();
+    }
+
+    // Never decreasing across the pass and the refinements. Where detection ends early it is
+    // raised to where the pass or the refinements would have taken it, without a report: the
+    // caller reports the end of the scan.
+    double lastProgress = 0.0;
+    SignaturePassState pass(sampleStrideForRate(*rate));
+    if (auto status = scoreSignatures(
+            **reader, *duration, kSignatureWeight, reportProgress, lastProgress, pass, stopToken);
+        !status) {
+        return status.error();
+    }
+    if (pass.scoresInOrder.size() < kMinimumScores) {
+        lastProgress = std::max(lastProgress, kSignatureWeight);
+        return std::vector<core::EditMarker>{};
+    }
+
+    const std::vector<Candidate> candidates = suppressNearbyCandidates(
+        pickCandidates(pass.scoresByFrame, pass.scoresInOrder, *duration), kSuppressionRadius);
+    if (candidates.empty()) {
+        lastProgress = std::max(lastProgress, 1.0);
+        return std::vector<core::EditMarker>{};
+    }
+    std::vector<std::int64_t> candidateFrames;
+    candidateFrames.reserve(candidates.size());
+    for (const Candidate& candidate : candidates) {
+        candidateFrames.push_back(candidate.frameIndex);
+    }
+
+    const Refiner& refine = options.refine;
+    const CandidateRefiner refineCandidate = [&](std::int64_t frame, std::stop_token token) {
+        return refine ? refine(frame, theAsset, track, std::move(token))
+                      : refineAround(frame, theAsset, track, std::move(token));
+    };
+    const int width =
+        refineWidthFor(options.processorCount.value_or(std::thread::hardware_concurrency()));
+    auto refined = refineCandidates(
+        candidateFrames, width, refineCandidate, reportProgress, lastProgress, stopToken);
+    if (!refined) {
+        return refined.error();
+    }
+    lastProgress = std::max(lastProgress, 1.0);
+    return mergeNearbyMarkers(std::move(*refined), kMergeDistance);
+}
+
+}  // namespace kestrin::scan
