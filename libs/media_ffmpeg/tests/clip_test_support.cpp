@@ -6,7 +6,9 @@
 
 #include <cmath>
 #include <cstdio>
+#include <iterator>
 #include <memory>
+#include <sstream>
 
 namespace kestrin::media_ffmpeg::testing {
 
@@ -17,26 +19,26 @@ std::filesystem::path clipPath(const std::string& name)
 
 media::AssetPointer openClip(const std::string& name)
 {
-    const FFmpegAssetOpener opener;
-    auto asset = opener.openAsset(clipPath(name));
-    if (!asset) {
-        ADD_FAILURE() << name << ": " << asset.error().description;
-        return nullptr;
-    }
-    return *asset;
+    auto asset = FFmpegAssetOpener().openAsset(clipPath(name));
+    EXPECT_TRUE(asset) << name << ": " << (asset ? "" : asset.error().description);
+    return asset ? *asset : nullptr;
+}
+
+std::vector<std::string> clips(const std::string& names)
+{
+    std::istringstream in(names);
+    return {std::istream_iterator<std::string>(in), {}};
 }
 
 media::TrackPointer firstVideoTrack(const media::AssetPointer& asset)
 {
-    if (!asset) {
-        return nullptr;
-    }
-    auto tracks = asset->tracksWithMediaType(media::MediaType::video);
-    if (!tracks || tracks->empty()) {
+    const auto tracks = asset ? asset->tracksWithMediaType(media::MediaType::video).value()
+                              : std::vector<media::TrackPointer>{};
+    if (tracks.empty()) {
         ADD_FAILURE() << "no video track";
         return nullptr;
     }
-    return tracks->front();
+    return tracks.front();
 }
 
 ReadResult readFrames(const media::AssetPointer& asset,
@@ -51,12 +53,12 @@ ReadResult readFrames(const media::AssetPointer& asset,
     }
     EXPECT_TRUE((*reader)->startReading());
     while (auto frame = (*reader)->nextFrame()) {
-        CopiedFrame copy{frame->presentationTime, frame->width, frame->height, {}};
+        CopiedFrame& copy = result.frames.emplace_back(
+            CopiedFrame{frame->presentationTime, frame->width, frame->height, {}});
         for (int row = 0; row < frame->height; ++row) {
             const std::uint8_t* start = frame->data + row * frame->bytesPerRow;
             copy.luma.insert(copy.luma.end(), start, start + frame->width);
         }
-        result.frames.push_back(std::move(copy));
     }
     result.status = (*reader)->status();
     return result;
@@ -64,11 +66,21 @@ ReadResult readFrames(const media::AssetPointer& asset,
 
 std::int64_t frameIndexOf(const core::MediaTime& time, const core::MediaTime& frameDuration)
 {
-    const auto num = static_cast<double>(frameDuration.timescale);
-    const auto den = static_cast<double>(frameDuration.value);
-    return static_cast<std::int64_t>(std::floor(static_cast<double>(time.value) * num
-                                                    / (static_cast<double>(time.timescale) * den)
-                                                + 1e-9));
+    const auto num = static_cast<double>(time.value * frameDuration.timescale);
+    const auto den = static_cast<double>(time.timescale * frameDuration.value);
+    return static_cast<std::int64_t>(std::floor(num / den + 1e-9));
+}
+
+WalkedSamples walkInDecodeOrder(const media::TrackPointer& track)
+{
+    WalkedSamples walked;
+    auto cursor = track->makeSampleCursorAtFirstSampleInDecodeOrder();
+    EXPECT_TRUE(cursor);
+    for (bool more = cursor != nullptr; more; more = cursor->stepInDecodeOrder(1) == 1) {
+        walked.isSync.push_back(cursor->currentSampleIsFullSync());
+        walked.times.push_back(cursor->presentationTimeStamp());
+    }
+    return walked;
 }
 
 std::vector<bool> probeKeyframeFlags(const std::string& clip)
@@ -77,19 +89,12 @@ std::vector<bool> probeKeyframeFlags(const std::string& clip)
         "ffprobe -v error -select_streams v:0 -show_entries packet=flags -of csv=p=0 '"
         + clipPath(clip).string() + "'";
     std::vector<bool> flags;
-    struct Closer
-    {
-        void operator()(FILE* file) const { pclose(file); }
-    };
-    const std::unique_ptr<FILE, Closer> pipe(popen(command.c_str(), "r"));
-    if (!pipe) {
-        ADD_FAILURE() << "cannot run ffprobe";
-        return flags;
-    }
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
     char line[64];
-    while (std::fgets(line, sizeof line, pipe.get()) != nullptr) {
+    while (pipe && std::fgets(line, sizeof line, pipe.get()) != nullptr) {
         flags.push_back(line[0] == 'K');
     }
+    EXPECT_FALSE(flags.empty()) << command;
     return flags;
 }
 

@@ -25,6 +25,9 @@ std::filesystem::path clipPath(const std::string& name);
 /// Opens a clip that must open; fails the test otherwise.
 media::AssetPointer openClip(const std::string& name);
 
+/// The clip names in `names`, separated by spaces.
+std::vector<std::string> clips(const std::string& names);
+
 /// The first video track of a clip that must have one.
 media::TrackPointer firstVideoTrack(const media::AssetPointer& asset);
 
@@ -50,6 +53,14 @@ ReadResult readFrames(const media::AssetPointer& asset,
 /// The frame index a detector derives from a time: floor(value x num / (timescale x den) + 1e-9)
 /// with (num, den) = (minFrameDuration.timescale, minFrameDuration.value).
 std::int64_t frameIndexOf(const core::MediaTime& time, const core::MediaTime& frameDuration);
+
+/// Every sample of `track` in decode order, as a sample cursor walks it.
+struct WalkedSamples
+{
+    std::vector<bool> isSync;
+    std::vector<core::MediaTime> times;  ///< presentation times
+};
+WalkedSamples walkInDecodeOrder(const media::TrackPointer& track);
 
 /// What ffprobe says of the first video stream's packets, in decode order: true for a keyframe.
 std::vector<bool> probeKeyframeFlags(const std::string& clip);

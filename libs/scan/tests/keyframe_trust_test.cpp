@@ -3,52 +3,48 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+namespace kestrin::core {
+void PrintTo(const SyncSample& sync, std::ostream* out)
+{
+    *out << sync.index << "@" << sync.time.seconds() << (sync.duration ? "+duration" : "");
+}
+}  // namespace kestrin::core
+
 namespace kestrin::scan {
 namespace {
 
 using core::MediaTime;
-using media::FormatDescription;
-using media::fourCC;
-using media_testing::SyntheticAsset;
-using media_testing::SyntheticSample;
 using media_testing::SyntheticTrack;
-
 using Gaps = std::vector<std::int64_t>;
-using Descriptions = core::Expected<std::vector<FormatDescription>>;
+using Lines = std::vector<std::string>;
 
-Descriptions codec(media::FourCC subType)
-{
-    return std::vector<FormatDescription>{{media::MediaType::video, subType, 0}};
-}
-
-// A track whose first sync sample comes `firstSync` samples in, the next ones `gaps` apart,
-// followed by a few ordinary samples; 25 samples a second.
+// 25 samples a second: `firstSync` ordinary samples, a sync sample, the next ones `gaps` apart,
+// then three ordinary samples.
 SyntheticTrack gapTrack(const Gaps& gaps,
-                        Descriptions descriptions = codec(fourCC("avc1")),
-                        float nominalFrameRate = 25.0F,
+                        const char (&subType)[5] = "avc1",
+                        core::Expected<float> rate = 25.0F,
                         std::int64_t firstSync = 0)
 {
-    std::vector<bool> isSync(static_cast<std::size_t>(firstSync) + 1, false);
-    isSync.back() = true;
-    for (const std::int64_t gap : gaps) {
-        isSync.resize(isSync.size() + static_cast<std::size_t>(gap), false);
-        isSync.back() = true;
+    SyntheticTrack track;
+    track.nominalFrameRate = std::move(rate);
+    track.formatDescriptions =
+        std::vector{media::FormatDescription{media::MediaType::video, media::fourCC(subType)}};
+    std::int64_t nextSync = firstSync;
+    auto gap = gaps.begin();
+    for (std::int64_t i = 0; gap != gaps.end() || i <= nextSync + 3; ++i) {
+        track.samples.push_back({MediaTime::make(i, 25), i == nextSync, {}});
+        nextSync += i == nextSync && gap != gaps.end() ? *gap++ : 0;
     }
-    isSync.resize(isSync.size() + 3, false);
-    SyntheticTrack track = media_testing::makeVideoTrack(
-        25,
-        static_cast<std::int64_t>(isSync.size()),
-        [](std::int64_t) { return media_testing::flatPicture(0); },
-        [&isSync](std::int64_t i) { return isSync[static_cast<std::size_t>(i)]; });
-    track.formatDescriptions = std::move(descriptions);
-    track.nominalFrameRate = nominalFrameRate;
     return track;
 }
 
@@ -56,336 +52,203 @@ SyntheticTrack gapTrack(const Gaps& gaps,
 // (presentation 0, 2, 1, 4, 3, ...); every `syncEvery`-th presented frame is a sync sample.
 SyntheticTrack reorderedTrack(std::int64_t count, std::int64_t syncEvery)
 {
-    SyntheticTrack track;
+    SyntheticTrack track = gapTrack({});
+    track.samples.clear();
     for (std::int64_t decode = 0; decode < count; ++decode) {
         const std::int64_t shown = decode == 0 ? 0 : (decode % 2 == 1 ? decode + 1 : decode - 1);
-        track.samples.push_back(
-            SyntheticSample{MediaTime::make(shown, 25), shown % syncEvery == 0, std::nullopt});
+        track.samples.push_back({MediaTime::make(shown, 25), shown % syncEvery == 0, {}});
     }
-    track.formatDescriptions = codec(fourCC("avc1"));
     return track;
 }
 
-struct Outcome
+// Runs `call` on `track` in an asset of `duration`: its outcome (printed, or "error <text>"), then
+// the lines it logged.
+template <typename Call>
+Lines logged(SyntheticTrack track, core::Expected<MediaTime> duration, const Call& call)
 {
-    core::Expected<bool> trusted;
-    std::vector<std::string> lines;
-};
-
-Outcome trust(SyntheticTrack track,
-              core::Expected<MediaTime> duration = MediaTime::make(3600, 1),
-              const KeyframeTrustParameters& parameters = {})
-{
-    const SyntheticAsset asset(std::move(duration), {std::move(track)});
-    std::vector<std::string> lines;
+    const media_testing::SyntheticAsset asset(std::move(duration), {std::move(track)});
+    Lines lines{""};
     const core::Log log([&lines](std::string_view line) { lines.emplace_back(line); });
-    auto trusted = keyframesTrustable(asset, *asset.tracks()->front(), parameters, log);
-    return {std::move(trusted), std::move(lines)};
+    const auto result = call(asset, *asset.tracks()->front(), log);
+    lines[0] = result ? ::testing::PrintToString(*result) : "error " + result.error().description;
+    return lines;
 }
 
-std::string sample(const Gaps& gaps)
+Lines trust(SyntheticTrack track,
+            core::Expected<MediaTime> duration = MediaTime::make(3600, 1),
+            const KeyframeTrustParameters& parameters = {})
 {
-    std::string text;
-    for (const std::int64_t gap : gaps) {
-        text += (text.empty() ? "" : ", ") + std::to_string(gap);
+    return logged(std::move(track), std::move(duration), [&](auto& asset, auto& each, auto& log) {
+        return keyframesTrustable(asset, each, parameters, log);
+    });
+}
+
+Lines collect(SyntheticTrack track)
+{
+    return logged(std::move(track), MediaTime::make(3600, 1), [](auto&, auto& each, auto& log) {
+        return collectSyncSamplesFast(each, log);
+    });
+}
+
+// The outcome and the line of a decision: "<verdict> — <text>", then the first 50 `gaps` as a
+// sample when there are any.
+Lines decision(const std::string& verdict, const std::string& text, const Gaps& gaps = {})
+{
+    std::string line = "keyframes trustable?: " + verdict + " — " + text;
+    for (std::size_t i = 0; i < std::min<std::size_t>(gaps.size(), 50); ++i) {
+        line += (i == 0 ? ", gaps sample=[" : ", ") + std::to_string(gaps[i]);
     }
-    return "gaps sample=[" + text + "]";
+    return {verdict, line + (gaps.empty() ? "" : "]")};
 }
 
-const std::string kFalse = "keyframes trustable?: false — ";
-const std::string kTrue = "keyframes trustable?: true — ";
-
-// Runs the trust decision on `track` and checks its verdict and its only log line.
-void expectDecision(SyntheticTrack track, bool trusted, const std::string& line)
+Lines tooFewGaps(int count)
 {
-    const Outcome outcome = trust(std::move(track));
-    ASSERT_TRUE(outcome.trusted.hasValue()) << line;
-    EXPECT_EQ(*outcome.trusted, trusted) << line;
-    EXPECT_EQ(outcome.lines, std::vector<std::string>{line});
+    return decision("false", "insufficient intervals (gaps=" + std::to_string(count) + ")");
+}
+
+// A verdict on the gap statistics from its figures: "true 25.0 avc1 12 100% 0.10 0.00 12" stands
+// for "true — fps=25.0, codec=avc1, mode=12, share=100%, uniqueRatio=0.10, H=0.00, suppress=12".
+Lines judged(const std::string& values, const Gaps& gaps)
+{
+    std::istringstream in(values);
+    const std::vector<std::string> v{std::istream_iterator<std::string>(in), {}};
+    return decision(v[0],
+                    "fps=" + v[1] + ", codec=" + v[2] + ", mode=" + v[3] + ", share=" + v[4]
+                        + ", uniqueRatio=" + v[5] + ", H=" + v[6] + ", suppress=" + v[7],
+                    gaps);
 }
 
 TEST(KeyframeTrust, EachDecisionLogsItsLine)
 {
-    const Descriptions prores = codec(fourCC("apcn"));
-    const std::string avc25 = "fps=25.0, codec=avc1, ";
-
-    // The gap count is checked before the codec.
-    expectDecision(gapTrack(Gaps(7, 1), prores), false, kFalse + "insufficient intervals (gaps=7)");
-    expectDecision(gapTrack(Gaps(8, 1), prores),
-                   false,
-                   kFalse + "codec is intra-only. fps=25.0, codec=apcn, " + sample(Gaps(8, 1)));
     const Gaps ones = {1, 1, 2, 1, 1, 1, 1, 1, 5, 9};
-    expectDecision(gapTrack(ones),
-                   false,
-                   kFalse + "gaps mostly 1. " + avc25 + "mode=1, share=80%, " + sample(ones));
-    // Gaps of one below a share of 0.6 go on to the entropy.
     const Gaps fewOnes = {1, 1, 1, 1, 1, 4, 7, 10, 13, 16};
-    expectDecision(gapTrack(fewOnes),
-                   true,
-                   kTrue + avc25 + "mode=1, share=50%, uniqueRatio=0.60, H=0.84, suppress=16, "
-                       + sample(fewOnes));
-    expectDecision(gapTrack(Gaps(10, 12)),
-                   false,
-                   kFalse + avc25 + "mode=12, share=100%, uniqueRatio=0.10, H=0.00, suppress=12, "
-                       + sample(Gaps(10, 12)));
-    // Beyond the maximum cadence of 125 at 25 fps; all equal, so no entropy either.
-    expectDecision(gapTrack(Gaps(8, 250)),
-                   false,
-                   kFalse + avc25 + "mode=250, share=100%, uniqueRatio=0.12, H=0.00, suppress=250, "
-                       + sample(Gaps(8, 250)));
-    // An unknown rate logs as 0.0 and takes a cadence of up to 150 as regular.
     const Gaps alternating = {140, 141, 140, 141, 140, 141, 140, 141};
-    expectDecision(gapTrack(alternating, codec(fourCC("avc1")), -1.0F),
-                   false,
-                   kFalse + "fps=0.0, codec=avc1, mode=140, share=100%, uniqueRatio=0.25, H=1.00, "
-                            "suppress=141, " + sample(alternating));
-    // Samples before the first sync sample make no gap.
     const Gaps different = {10, 20, 30, 40, 50, 60, 70, 80};
-    expectDecision(gapTrack(different, codec(fourCC("avc1")), 25.0F, 5),
-                   true,
-                   kTrue + avc25 + "mode=10, share=12%, uniqueRatio=1.00, H=1.00, suppress=80, "
-                       + sample(different));
-    // The smallest of equally frequent gaps is the mode.
     const Gaps tied = {9, 9, 40, 3, 3, 20, 40, 20};
-    expectDecision(gapTrack(tied),
-                   true,
-                   kTrue + avc25 + "mode=3, share=25%, uniqueRatio=0.50, H=1.00, suppress=40, "
-                       + sample(tied));
-    // Descriptions that fail to load leave the codec unknown.
-    expectDecision(gapTrack(Gaps(10, 12), core::Error{"test", 1, "descriptions"}, 29.97F),
-                   false,
-                   kFalse + "fps=29.969999313354492, codec=????, mode=12, share=100%, "
-                            "uniqueRatio=0.10, H=0.00, suppress=12, " + sample(Gaps(10, 12)));
-    // The sample shows the first 50 gaps only.
+    const Gaps twelves(10, 12);
+    const Gaps far(8, 250);
     Gaps sixty(50, 12);
     sixty.insert(sixty.end(), 10, 13);
-    expectDecision(gapTrack(sixty),
-                   false,
-                   kFalse + avc25 + "mode=12, share=100%, uniqueRatio=0.03, H=0.65, suppress=13, "
-                       + sample(Gaps(50, 12)));
+    // The gap count is checked before the codec.
+    EXPECT_EQ(trust(gapTrack(Gaps(7, 1), "apcn")), tooFewGaps(7));
+    EXPECT_EQ(trust(gapTrack(Gaps(8, 1), "apcn")),
+              decision("false", "codec is intra-only. fps=25.0, codec=apcn", Gaps(8, 1)));
+    EXPECT_EQ(trust(gapTrack(ones)),
+              decision("false", "gaps mostly 1. fps=25.0, codec=avc1, mode=1, share=80%", ones));
+    // Gaps of one below a share of 0.6 go on to the entropy.
+    EXPECT_EQ(trust(gapTrack(fewOnes)), judged("true 25.0 avc1 1 50% 0.60 0.84 16", fewOnes));
+    // Beyond the maximum cadence of 125 at 25 fps; all equal, so no entropy either.
+    EXPECT_EQ(trust(gapTrack(far)), judged("false 25.0 avc1 250 100% 0.12 0.00 250", far));
+    // An unknown rate logs as 0.0 and takes a cadence of up to 150 as regular.
+    EXPECT_EQ(trust(gapTrack(alternating, "avc1", -1.0F)),
+              judged("false 0.0 avc1 140 100% 0.25 1.00 141", alternating));
+    // Samples before the first sync sample make no gap.
+    EXPECT_EQ(trust(gapTrack(different, "avc1", 25.0F, 5)),
+              judged("true 25.0 avc1 10 12% 1.00 1.00 80", different));
+    // The smallest of equally frequent gaps is the mode.
+    EXPECT_EQ(trust(gapTrack(tied)), judged("true 25.0 avc1 3 25% 0.50 1.00 40", tied));
+    // Descriptions that fail to load leave the codec unknown.
+    SyntheticTrack noCodec = gapTrack(twelves, "avc1", 29.97F);
+    noCodec.formatDescriptions = core::Error{"test", 1, "descriptions"};
+    EXPECT_EQ(trust(noCodec),
+              judged("false 29.969999313354492 ???? 12 100% 0.10 0.00 12", twelves));
+    // A regular cadence wins over a high entropy; the sample shows the first 50 gaps only.
+    EXPECT_EQ(trust(gapTrack(sixty)), judged("false 25.0 avc1 12 100% 0.03 0.65 13", sixty));
+    // A regular cadence of 12 at 25 fps, found because the walk goes in presentation order:
+    // decoded, these sync samples are 11, 12, 12, ... apart.
+    EXPECT_EQ(trust(reorderedTrack(12 * 8 + 3, 12)),
+              judged("false 25.0 avc1 12 100% 0.12 0.00 12", Gaps(8, 12)));
 }
 
-TEST(KeyframeTrust, GapWalkGoesInPresentationOrderUpToTheHorizon)
+TEST(KeyframeTrust, GapWalkEndsAtTheHorizon)
 {
     // One sync sample a second for 20 s (t = 0 ... 19), then three sync samples without a time,
     // which the cursor presents last. A high minIntervals makes every run report its gap count.
     SyntheticTrack track = gapTrack(Gaps(19, 25));
-    track.samples.insert(track.samples.end(), 3, {MediaTime::invalid(), true, std::nullopt});
-    KeyframeTrustParameters counting;
-    counting.minIntervals = 1000;
-    KeyframeTrustParameters shortScan = counting;
-    shortScan.maxScanSeconds = 5.0;
-    struct Row
-    {
-        core::Expected<MediaTime> duration;
-        KeyframeTrustParameters parameters;
-        int gaps;
-    };
-    const Row rows[] = {
-        {MediaTime::make(7, 1), counting, 7},  // a sample at the horizon still counts
-        {MediaTime::make(75, 10), counting, 7},
-        {MediaTime::make(3600, 1), shortScan, 5},
-        {MediaTime::indefinite(), shortScan, 5},  // a duration without a value caps nothing
-        {MediaTime::make(3600, 1), counting, 22},
-    };
-    for (const Row& row : rows) {
-        EXPECT_EQ(trust(track, row.duration, row.parameters).lines,
-                  std::vector<std::string>{
-                      kFalse + "insufficient intervals (gaps=" + std::to_string(row.gaps) + ")"});
-    }
+    track.samples.insert(track.samples.end(), 3, {MediaTime::invalid(), true, {}});
+    const KeyframeTrustParameters counting{.minIntervals = 1000};
+    const KeyframeTrustParameters shortScan{.maxScanSeconds = 5.0, .minIntervals = 1000};
+    // A sample at the horizon still counts; a duration without a value caps nothing.
+    EXPECT_EQ(trust(track, MediaTime::make(7, 1), counting), tooFewGaps(7));
+    EXPECT_EQ(trust(track, MediaTime::make(75, 10), counting), tooFewGaps(7));
+    EXPECT_EQ(trust(track, MediaTime::make(3600, 1), shortScan), tooFewGaps(5));
+    EXPECT_EQ(trust(track, MediaTime::indefinite(), shortScan), tooFewGaps(5));
+    EXPECT_EQ(trust(track, MediaTime::make(3600, 1), counting), tooFewGaps(22));
 
     // Times that are not numbers never end the walk, however short the horizon.
-    SyntheticTrack timeless = gapTrack(Gaps(11, 1));
-    for (SyntheticSample& each : timeless.samples) {
-        each.presentationTime = MediaTime::invalid();
-    }
-    EXPECT_EQ(trust(timeless, MediaTime::make(1, 10), counting).lines,
-              std::vector<std::string>{kFalse + "insufficient intervals (gaps=11)"});
-
-    // The walk goes in presentation order: decoded, these sync samples are 11, 12, 12, ... apart.
-    expectDecision(reorderedTrack(12 * 8 + 3, 12),
-                   false,
-                   kFalse + "fps=25.0, codec=avc1, mode=12, share=100%, uniqueRatio=0.12, H=0.00, "
-                            "suppress=12, " + sample(Gaps(8, 12)));
+    std::ranges::for_each(track.samples, [](auto& each) { each.presentationTime = {}; });
+    EXPECT_EQ(trust(track, MediaTime::make(1, 10), counting), tooFewGaps(22));
 }
 
-TEST(KeyframeTrust, RefusesWithoutCursorsAndPassesOnLoadFailures)
+TEST(KeyframeTrust, NoCursorsGiveNoVerdictAndNoSyncsAndLoadFailuresArePassedOn)
 {
-    const core::Error cursorsError{"test", 1, "cursors"};
-    const core::Error durationError{"test", 2, "duration"};
-    const core::Error rateError{"test", 3, "rate"};
     SyntheticTrack noCursors = gapTrack(Gaps(10, 3));
     noCursors.canProvideSampleCursors = false;
-    SyntheticTrack noSamples = noCursors;
-    noSamples.canProvideSampleCursors = true;
-    noSamples.samples.clear();
-    SyntheticTrack cursorsFail = noSamples;
-    cursorsFail.canProvideSampleCursors = cursorsError;
-    SyntheticTrack rateFails = gapTrack(Gaps(10, 3));
-    rateFails.nominalFrameRate = rateError;
+    SyntheticTrack cursorsFail = gapTrack(Gaps(10, 3));
+    cursorsFail.canProvideSampleCursors = core::Error{"test", 1, "cursors"};
 
-    const std::pair<Outcome, Outcome> cases[] = {
-        {trust(noCursors), {false, {kFalse + "track cannot provide sample cursors"}}},
-        {trust(noSamples), {false, {kFalse + "failed to make sample cursor"}}},
-        {trust(cursorsFail), {cursorsError, {}}},
-        {trust(gapTrack(Gaps(10, 3)), durationError), {durationError, {}}},
-        {trust(rateFails), {rateError, {}}},
-    };
-    for (const auto& [actual, expected] : cases) {
-        ASSERT_EQ(actual.trusted.hasValue(), expected.trusted.hasValue());
-        if (expected.trusted.hasValue()) {
-            EXPECT_EQ(*actual.trusted, *expected.trusted);
-        } else {
-            EXPECT_EQ(actual.trusted.error(), expected.trusted.error());
-        }
-        EXPECT_EQ(actual.lines, expected.lines);
-    }
+    EXPECT_EQ(trust(noCursors), decision("false", "track cannot provide sample cursors"));
+    EXPECT_EQ(trust(SyntheticTrack{}), decision("false", "failed to make sample cursor"));
+    EXPECT_EQ(trust(cursorsFail), Lines{"error cursors"});
+    EXPECT_EQ(trust(gapTrack(Gaps(10, 3)), core::Error{"test", 2, "duration"}),
+              Lines{"error duration"});
+    EXPECT_EQ(trust(gapTrack(Gaps(10, 3), "avc1", core::Error{"test", 3, "rate"})),
+              Lines{"error rate"});
+    // Collecting sync samples: nothing logged without cursors, a failed load passed on.
+    EXPECT_EQ(collect(noCursors), Lines{"{}"});
+    EXPECT_EQ(collect(SyntheticTrack{}), Lines{"{}"});
+    EXPECT_EQ(collect(cursorsFail), Lines{"error cursors"});
 }
 
-TEST(KeyframeTrustStatistics, SummarisesTheGapHistogram)
+// The figures and rules behind the last step of the decision, where the decisions above leave
+// them open: the histogram's own counts and a tolerance other than the default, the thresholds
+// and the cadence bounds at their edges.
+TEST(KeyframeTrustRules, StatisticsVerdictAndCadenceBounds)
 {
-    struct Row
-    {
-        Gaps gaps;
-        std::int64_t tolerance;
-        GapStatistics expected;
+    const auto summary = [](const Gaps& gaps, std::int64_t tolerance) {
+        const GapStatistics s = summariseGaps(gaps, tolerance);
+        std::ostringstream out;
+        out << s.gapCount << ' ' << s.maxGap << ' ' << s.mode << ' ' << s.nearCount << ' '
+            << s.share << ' ' << s.distinct << ' ' << s.uniqueRatio << ' ' << s.entropy;
+        return out.str();
     };
-    const Row rows[] = {
-        {{}, 1, {}},
-        {{12, 12, 7}, 1, {3, 12, 12, 2, 2.0 / 3.0, 2, 2.0 / 3.0, 0.9182958340544896}},
-        {{12, 13, 12, 13, 12}, 0, {5, 13, 12, 3, 0.6, 2, 0.4, 0.9709505944546686}},
-        {{13, 12, 13, 12}, 1, {4, 13, 12, 4, 1.0, 2, 0.5, 1.0}},
-        {{40, 9, 3, 40, 9, 3}, 1, {6, 40, 3, 2, 1.0 / 3.0, 3, 0.5, 1.0}},
-        {{250, 250, 250}, 1, {3, 250, 250, 3, 1.0, 1, 1.0 / 3.0, 0.0}}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(::testing::PrintToString(row.gaps));
-        const GapStatistics actual = summariseGaps(row.gaps, row.tolerance);
-        EXPECT_EQ(actual.gapCount, row.expected.gapCount);
-        EXPECT_EQ(actual.maxGap, row.expected.maxGap);
-        EXPECT_EQ(actual.mode, row.expected.mode);
-        EXPECT_EQ(actual.nearCount, row.expected.nearCount);
-        EXPECT_DOUBLE_EQ(actual.share, row.expected.share);
-        EXPECT_EQ(actual.distinct, row.expected.distinct);
-        EXPECT_DOUBLE_EQ(actual.uniqueRatio, row.expected.uniqueRatio);
-        EXPECT_NEAR(actual.entropy, row.expected.entropy, 1e-12);
-    }
-}
+    EXPECT_EQ(summary({}, 1), "0 0 0 0 0 0 0 0");
+    EXPECT_EQ(summary({12, 13, 12, 13, 12}, 0), "5 13 12 3 0.6 2 0.4 0.970951");
 
-TEST(KeyframeTrustVerdict, RegularCadenceFirstThenEntropyThenUniqueRatio)
-{
-    struct Row
-    {
-        std::int64_t mode;
-        double share;
-        double entropy;
-        double uniqueRatio;
-        bool trusted;
+    const auto trusted = [](std::int64_t mode, double share, double entropy, double ratio) {
+        return irregularKeyframes(
+            {.mode = mode, .share = share, .uniqueRatio = ratio, .entropy = entropy}, 125, {});
     };
-    const Row rows[] = {
-        {12, 0.85, 1.0, 1.0, false},  // regular at exactly regularShare
-        {12, 0.84, 0.6, 0.0, true},   // entropy at its threshold
-        {12, 0.84, 0.59, 0.4, true},  // low entropy, unique ratio at its threshold
-        {12, 0.84, 0.59, 0.39, false},
-        {125, 1.0, 1.0, 1.0, false},  // at the maximum cadence
-        {126, 1.0, 0.6, 0.0, true},   // beyond it: judged by entropy
-        {1, 1.0, 0.6, 0.0, true},     // a mode of one is never a cadence
-    };
-    for (const Row& row : rows) {
-        const GapStatistics statistics{.mode = row.mode,
-                                       .share = row.share,
-                                       .uniqueRatio = row.uniqueRatio,
-                                       .entropy = row.entropy};
-        EXPECT_EQ(irregularKeyframes(statistics, 125, {}), row.trusted)
-            << "mode " << row.mode << " share " << row.share << " H " << row.entropy << " ratio "
-            << row.uniqueRatio;
-    }
-}
+    EXPECT_FALSE(trusted(12, 0.85, 1.0, 1.0));  // regular at exactly regularShare
+    EXPECT_TRUE(trusted(12, 0.84, 0.6, 0.0));   // entropy at its threshold
+    EXPECT_TRUE(trusted(12, 0.84, 0.59, 0.4));  // unique ratio at its threshold
+    EXPECT_FALSE(trusted(125, 1.0, 1.0, 1.0));  // at the maximum cadence
+    EXPECT_TRUE(trusted(126, 1.0, 0.6, 0.0));   // beyond it: judged by entropy
+    EXPECT_TRUE(trusted(1, 1.0, 0.6, 0.0));     // a mode of one is never a cadence
 
-TEST(KeyframeTrustCadence, FiveSecondsOfFramesWithinBounds)
-{
-    // The float nearest 2.6 gives 12.99..., which truncates to 12.
-    const std::pair<double, std::int64_t> rows[] = {{0.0, 150},
-                                                    {-5.0, 150},
-                                                    {std::nan(""), 150},
-                                                    {1.0, 12},
-                                                    {static_cast<double>(2.6F), 12},
-                                                    {3.0, 15},
-                                                    {25.0, 125},
-                                                    {static_cast<double>(29.97F), 149},
-                                                    {60.0, 300},
-                                                    {HUGE_VAL, 300}};
-    for (const auto& [fps, cadence] : rows) {
-        EXPECT_EQ(maxCadenceForFrameRate(fps), cadence) << "fps " << fps;
-    }
-}
-
-struct Collected
-{
-    core::Expected<std::vector<core::SyncSample>> syncs;
-    std::vector<std::string> lines;
-};
-
-Collected collect(SyntheticTrack track)
-{
-    const SyntheticAsset asset(MediaTime::make(3600, 1), {std::move(track)});
-    std::vector<std::string> lines;
-    const core::Log log([&lines](std::string_view line) { lines.emplace_back(line); });
-    auto syncs = collectSyncSamplesFast(*asset.tracks()->front(), log);
-    return {std::move(syncs), std::move(lines)};
+    // Five seconds of frames within 12...300. The float nearest 2.6 gives 12.99..., truncated.
+    const double rates[] = {0.0, -5.0, std::nan(""), 1.0, 2.6F, 3.0, 25.0, 29.97F, 60.0, HUGE_VAL};
+    Gaps cadences;
+    std::ranges::transform(rates, std::back_inserter(cadences), maxCadenceForFrameRate);
+    EXPECT_EQ(cadences, (Gaps{150, 150, 150, 12, 12, 15, 125, 149, 300, 300}));
 }
 
 TEST(SyncSampleCollection, ListsDecodeOrderIndicesWithPresentationTimes)
 {
     // Presented sync samples 0, 12 and 24 are decoded 1st, 12th and 24th.
-    const Collected collected = collect(reorderedTrack(27, 12));
-    ASSERT_TRUE(collected.syncs.hasValue());
-    const std::vector<core::SyncSample> expected = {
-        {0, MediaTime::make(0, 25), std::nullopt},
-        {11, MediaTime::make(12, 25), std::nullopt},
-        {23, MediaTime::make(24, 25), std::nullopt},
-    };
-    EXPECT_EQ(*collected.syncs, expected);
-    EXPECT_EQ(collected.lines,
-              std::vector<std::string>{"collectSyncSamplesFast: found 3 syncs. "
-                                       "first=(idx:0 t:0.0) last=(idx:23 t:0.96)"});
-
+    EXPECT_EQ(
+        collect(reorderedTrack(27, 12)),
+        (Lines{"{ 0@0, 11@0.48, 23@0.96 }",
+               "collectSyncSamplesFast: found 3 syncs. first=(idx:0 t:0.0) last=(idx:23 t:0.96)"}));
     // No time limit: a 400 s track is walked to its end.
-    EXPECT_EQ(collect(media_testing::makeVideoTrack(
-                          25,
-                          10'000,
-                          [](std::int64_t) { return media_testing::flatPicture(0); },
-                          [](std::int64_t i) { return i % 5000 == 4999; }))
-                  .lines,
-              std::vector<std::string>{"collectSyncSamplesFast: found 2 syncs. "
-                                       "first=(idx:4999 t:199.96) last=(idx:9999 t:399.96)"});
-}
+    EXPECT_EQ(collect(gapTrack({5000}, "avc1", 25.0F, 4999)),
+              (Lines{"{ 4999@199.96, 9999@399.96 }",
+                     "collectSyncSamplesFast: found 2 syncs. first=(idx:4999 t:199.96) "
+                     "last=(idx:9999 t:399.96)"}));
 
-TEST(SyncSampleCollection, EmptyCasesAndFailures)
-{
-    SyntheticTrack noCursors = gapTrack(Gaps(3, 2));
-    noCursors.canProvideSampleCursors = false;
     SyntheticTrack noSyncs = gapTrack({});
     noSyncs.samples.front().isSync = false;
-    const core::Error error{"test", 7, "cursors"};
-    SyntheticTrack failing = gapTrack(Gaps(3, 2));
-    failing.canProvideSampleCursors = error;
-
-    const std::vector<std::string> silent;
-    const std::pair<Collected, std::vector<std::string>> cases[] = {
-        {collect(noCursors), silent},
-        {collect(SyntheticTrack{}), silent},
-        {collect(noSyncs), {"collectSyncSamplesFast: found 0 syncs."}},
-    };
-    for (const auto& [collected, lines] : cases) {
-        ASSERT_TRUE(collected.syncs.hasValue());
-        EXPECT_TRUE(collected.syncs->empty());
-        EXPECT_EQ(collected.lines, lines);
-    }
-
-    const Collected failed = collect(failing);
-    ASSERT_FALSE(failed.syncs.hasValue());
-    EXPECT_EQ(failed.syncs.error(), error);
-    EXPECT_TRUE(failed.lines.empty());
+    EXPECT_EQ(collect(noSyncs), (Lines{"{}", "collectSyncSamplesFast: found 0 syncs."}));
 }
 
 }  // namespace
