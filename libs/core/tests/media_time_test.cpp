@@ -175,12 +175,5 @@ TEST(MediaTimeHash, EqualTimesHashAlike)
     EXPECT_EQ(times.size(), 3U);
 }
 
-TEST(MediaTimeRange, EndIsStartPlusDuration)
-{
-    const auto range = MediaTimeRange::fromStartEnd(MediaTime::make(1, 2), MediaTime::make(2, 1));
-    EXPECT_EQ(range.duration, MediaTime::make(3, 2));
-    EXPECT_EQ(range.end(), MediaTime::make(4, 2));
-}
-
 }  // namespace
 }  // namespace kestrin::core

@@ -1,6 +1,4 @@
 #include <kestrin/core/edit_marker.hpp>
-#include <kestrin/core/progress_event.hpp>
-#include <kestrin/core/scan_mode.hpp>
 #include <kestrin/core/sync_sample.hpp>
 
 #include <gtest/gtest.h>
@@ -86,16 +84,6 @@ TEST(SyncSample, EqualityAndHashIncludeDuration)
     const std::unordered_set<SyncSample> samples{
         bare, timed, SyncSample{4, MediaTime::make(160, 1000), MediaTime::make(40, 1000)}};
     EXPECT_EQ(samples.size(), 2U);
-}
-
-TEST(ProgressEvent, CarriesItsCase)
-{
-    const ProgressEvent progress = ProgressEvent::progress(0.25);
-    ASSERT_EQ(progress.kind(), ProgressEvent::Kind::progress);
-    EXPECT_DOUBLE_EQ(progress.fraction(), 0.25);
-    const ProgressEvent mode = ProgressEvent::mode(ScanMode::noKeyframes);
-    ASSERT_EQ(mode.kind(), ProgressEvent::Kind::mode);
-    EXPECT_EQ(mode.scanMode(), ScanMode::noKeyframes);
 }
 
 }  // namespace
