@@ -7,13 +7,8 @@
 #include <algorithm>
 #include <functional>
 #include <limits>
-#include <memory>
 #include <mutex>
-#include <optional>
-#include <stop_token>
-#include <string_view>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 namespace kestrin::scan {
@@ -73,10 +68,8 @@ std::shared_ptr<SyntheticAsset> assetOf(SyntheticTrack track,
 
 std::vector<std::int64_t> framesOf(const Markers& markers)
 {
-    std::vector<std::int64_t> frames;
-    for (const EditMarker& marker : markers) {
-        frames.push_back(marker.frameIndex);
-    }
+    std::vector<std::int64_t> frames(markers.size());
+    std::ranges::transform(markers, frames.begin(), &EditMarker::frameIndex);
     return frames;
 }
 
@@ -144,7 +137,11 @@ TEST(MergeNearbyMarkers, LaterMarkerReplacesOneWithinDistance)
         return markers;
     };
     const std::pair<std::vector<std::int64_t>, std::vector<std::int64_t>> rows[] = {
-        {{103, 100}, {103}}, {{100, 104}, {100, 104}}, {{106, 100, 103}, {106}}, {{}, {}}};
+        {{103, 100}, {103}},
+        {{100, 104}, {100, 104}},
+        {{106, 100, 103}, {106}},
+        {{100, 110, 112}, {100, 112}},
+        {{}, {}}};
     for (const auto& [frames, merged] : rows) {
         EXPECT_EQ(mergeNearbyMarkers(markersAt(frames), 3), markersAt(merged)) << frames.size();
     }
@@ -177,7 +174,7 @@ TEST(FrameRateRational, MinFrameDurationFirstThenNamedRates)
     EXPECT_EQ(frameIndexAt(MediaTime::make(24 * 7 - 1, 600), {25, 1}), 6);
 }
 
-TEST(RefineAround, FindsTheCutWithinTwelveFramesOfTheCandidate)
+TEST(RefineAround, FindsTheCutWithinTwelveFramesOrNoMarkerOrAnError)
 {
     // Frames, cut, candidate, rate.
     const std::tuple<std::int64_t, std::int64_t, std::int64_t, std::int32_t, std::int32_t> rows[] =
@@ -198,12 +195,9 @@ TEST(RefineAround, FindsTheCutWithinTwelveFramesOfTheCandidate)
         // 25 frames, and one more where the 1/600 s bounds do not fall on the frame grid.
         EXPECT_LE(asset->statistics().framesDelivered, 26);
     }
-}
 
-TEST(RefineAround, NoMarkerOrAnError)
-{
     const std::optional<EditMarker> none;
-    const std::tuple<const char*, std::function<void(SyntheticTrack&)>, Outcome> rows[] = {
+    const std::tuple<const char*, std::function<void(SyntheticTrack&)>, Outcome> failures[] = {
         {"one frame", [](SyntheticTrack& t) { t.samples.resize(1); }, none},
         {"no usable rate",
          [](SyntheticTrack& t) {
@@ -222,7 +216,7 @@ TEST(RefineAround, NoMarkerOrAnError)
          scan_error::refineStartFailed()},
         {"stopped", [](SyntheticTrack&) {}, scan_error::cancelled()},
     };
-    for (const auto& [name, change, outcome] : rows) {
+    for (const auto& [name, change, outcome] : failures) {
         SyntheticTrack track = shotsTrack(40, {20});
         change(track);
         const auto asset = assetOf(track, MediaTime::make(40, 25));
@@ -236,7 +230,7 @@ TEST(RefineAround, NoMarkerOrAnError)
     }
 }
 
-TEST(DetectEditsByDecoding, FindsEveryCutAtItsExactFrame)
+TEST(DetectEditsByDecoding, FindsEveryCutNeedsEightScoresAndFallsBackToTheHighest)
 {
     const std::vector<std::int64_t> cuts = {31, 77, 118, 160};
     const auto asset = assetOf(shotsTrack(200, cuts));
@@ -256,10 +250,7 @@ TEST(DetectEditsByDecoding, FindsEveryCutAtItsExactFrame)
     }
     // The track once, then at most 26 frames around each candidate.
     EXPECT_LE(asset->statistics().framesDelivered, 200 + 4 * 26);
-}
 
-TEST(DetectEditsByDecoding, NeedsEightScores)
-{
     // At 25 fps every third frame is scored: 24 frames give 7 scores, 27 give 8.
     const Detection seven = detect(assetOf(shotsTrack(24, {13})));
     EXPECT_TRUE(sameOutcome(seven.result, Expected<Markers>(Markers{})));
@@ -267,10 +258,7 @@ TEST(DetectEditsByDecoding, NeedsEightScores)
     const Detection eight = detect(assetOf(shotsTrack(27, {13})));
     ASSERT_TRUE(eight.result);
     EXPECT_EQ(framesOf(*eight.result), std::vector<std::int64_t>{13});
-}
 
-TEST(DetectEditsByDecoding, FallsBackToTheHighestScoresWhenNoneStandsOut)
-{
     // 120 identical frames: every score is 0, so none stands out; 18 candidates per minute, at
     // least 18, are taken in frame order (equal scores) and thinned to one per 21 frames.
     const std::pair<MediaTime, std::vector<std::int64_t>> rows[] = {
@@ -279,18 +267,18 @@ TEST(DetectEditsByDecoding, FallsBackToTheHighestScoresWhenNoneStandsOut)
     };
     for (const auto& [duration, expected] : rows) {
         std::mutex mutex;
-        std::vector<std::int64_t> refined;
+        std::vector<std::int64_t> picked;
         DetectionOptions options;
         options.refine = [&](std::int64_t frame, const auto&, const auto&, std::stop_token) {
             const std::lock_guard lock(mutex);
-            refined.push_back(frame);
+            picked.push_back(frame);
             return Outcome(std::nullopt);
         };
-        const Detection detection = detect(assetOf(shotsTrack(120, {}), duration), options);
-        EXPECT_TRUE(sameOutcome(detection.result, Expected<Markers>(Markers{})));
-        std::sort(refined.begin(), refined.end());
-        EXPECT_EQ(refined, expected);
-        EXPECT_NEAR(detection.reports.back(), 1.0, 1e-12);
+        const Detection fallback = detect(assetOf(shotsTrack(120, {}), duration), options);
+        EXPECT_TRUE(sameOutcome(fallback.result, Expected<Markers>(Markers{})));
+        std::ranges::sort(picked);
+        EXPECT_EQ(picked, expected);
+        EXPECT_NEAR(fallback.reports.back(), 1.0, 1e-12);
     }
 }
 

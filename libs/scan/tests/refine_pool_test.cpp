@@ -5,12 +5,9 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstddef>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <set>
-#include <stop_token>
 #include <thread>
 #include <vector>
 
@@ -125,11 +122,11 @@ struct PoolRun
 
 std::vector<std::int64_t> sorted(std::vector<std::int64_t> frames)
 {
-    std::sort(frames.begin(), frames.end());
+    std::ranges::sort(frames);
     return frames;
 }
 
-TEST(RefinePool, RunsAtMostWidthAndHandlesResultsInCompletionOrder)
+TEST(RefinePool, RunsAtMostWidthInCompletionOrderAndStopsAtTheFirstErrorOrTheCallersStop)
 {
     // Frame 30 finds no marker; it still counts towards progress.
     ScriptedRefinements refinements({{30, Outcome(std::optional<EditMarker>{})}});
@@ -151,10 +148,8 @@ TEST(RefinePool, RunsAtMostWidthAndHandlesResultsInCompletionOrder)
 
     const auto markers = run.finish();
     ASSERT_TRUE(markers);
-    std::vector<std::int64_t> frames;
-    for (const EditMarker& marker : *markers) {
-        frames.push_back(marker.frameIndex);
-    }
+    std::vector<std::int64_t> frames(markers->size());
+    std::ranges::transform(*markers, frames.begin(), &EditMarker::frameIndex);
     EXPECT_EQ(frames, (std::vector<std::int64_t>{20, 40, 10, 60, 50}));
     const Seen seen = refinements.waitFor(6, 6);
     EXPECT_EQ(seen.started.size(), 6U);
@@ -163,26 +158,23 @@ TEST(RefinePool, RunsAtMostWidthAndHandlesResultsInCompletionOrder)
         EXPECT_NEAR(seen.reports[done - 1], 0.3 + 0.7 * static_cast<double>(done) / 6.0, 1e-12);
     }
     EXPECT_EQ(run.lastProgress, seen.reports.back());
-}
 
-TEST(RefinePool, FirstErrorOrCallersStopEndsItAfterStoppingTheOthers)
-{
     const Error failure{"FFmpeg", -5, "Input/output error"};
     for (const bool callerStops : {false, true}) {
-        ScriptedRefinements refinements({{20, Outcome(failure)}});
-        PoolRun run({10, 20, 30, 40}, 2, refinements);
-        EXPECT_EQ(sorted(refinements.waitFor(2, 0).started), (std::vector<std::int64_t>{10, 20}));
+        ScriptedRefinements failing({{20, Outcome(failure)}});
+        PoolRun stopped({10, 20, 30, 40}, 2, failing);
+        EXPECT_EQ(sorted(failing.waitFor(2, 0).started), (std::vector<std::int64_t>{10, 20}));
         if (callerStops) {
-            run.thread.request_stop();
+            stopped.thread.request_stop();
         } else {
-            refinements.release(20);  // 10 stays blocked until the pool stops it
+            failing.release(20);  // 10 stays blocked until the pool stops it
         }
-        const auto result = run.finish();
+        const auto result = stopped.finish();
         ASSERT_FALSE(result);
         EXPECT_EQ(result.error(), callerStops ? scan_error::cancelled() : failure);
-        const Seen seen = refinements.waitFor(0, 0);
-        EXPECT_EQ(seen.started.size(), 2U);  // 30 and 40 never started
-        EXPECT_TRUE(seen.reports.empty());
+        const Seen left = failing.waitFor(0, 0);
+        EXPECT_EQ(left.started.size(), 2U);  // 30 and 40 never started
+        EXPECT_TRUE(left.reports.empty());
     }
 }
 

@@ -10,53 +10,31 @@
 namespace kestrin::scan {
 namespace {
 
-std::vector<double> takeFractions(ScanEventStream& events)
-{
-    std::vector<double> fractions;
-    while (const auto event = events.tryNext()) {
-        fractions.push_back(event->fraction());
-    }
-    return fractions;
-}
-
-TEST(ScanEventStream, KeepsTheOldestAndCountsTheDropped)
-{
-    ScanEventStream events;
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(events.reportProgress(i / 10.0), i < 8) << i;
-    }
-    EXPECT_EQ(events.droppedCount(), 2);
-    ASSERT_TRUE(events.tryNext());
-    EXPECT_TRUE(events.reportProgress(1.0));  // room again once one is taken
-    EXPECT_EQ(takeFractions(events), (std::vector{0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 1.0}));
-    EXPECT_FALSE(events.hasEnded());
-}
-
-TEST(ScanEventStream, FinishKeepsHeldEventsAndRefusesLaterOnes)
+TEST(ScanEventStream, KeepsTheOldestLimitsFractionsAndRefusesEventsAfterTheFinish)
 {
     ScanEventStream events;
     events.reportMode(true);
-    events.finishEvents(0.5);
-    EXPECT_FALSE(events.reportProgress(0.75));
-    events.finishEvents(1.0);  // already finished: no effect
-    EXPECT_EQ(events.droppedCount(), 0);
-    EXPECT_TRUE(events.isFinished());
-    EXPECT_FALSE(events.hasEnded());
-
-    EXPECT_EQ(events.next()->scanMode(), core::ScanMode::trustedKeyframes);
-    EXPECT_EQ(events.next()->fraction(), 0.5);
-    EXPECT_FALSE(events.next());
-    EXPECT_TRUE(events.hasEnded());
-}
-
-TEST(ScanEventStream, LimitsFractionsToTheUnitRange)
-{
-    ScanEventStream events;
-    for (const double fraction : {-0.5, 0.0, 0.25, 1.0, 1.5, std::nan("")}) {
-        events.reportProgress(fraction);
+    for (int i = 1; i < 10; ++i) {
+        EXPECT_EQ(events.reportProgress(i < 3 ? -i : i / 10.0), i < 8) << i;  // -1, -2 become 0
     }
-    events.finishEvents(7.0);
-    EXPECT_EQ(takeFractions(events), (std::vector{0.0, 0.0, 0.25, 1.0, 1.0, 0.0, 1.0}));
+    EXPECT_EQ(events.droppedCount(), 2);
+    EXPECT_EQ(events.tryNext()->scanMode(), core::ScanMode::trustedKeyframes);
+    EXPECT_TRUE(events.reportProgress(std::nan("")));  // room again once one is taken; NaN is 0
+    events.finishEvents(7.0);                          // lost: eight wait
+    EXPECT_FALSE(events.reportProgress(0.5));          // finished: refused, not counted
+    events.finishEvents(1.0);
+    EXPECT_EQ(events.droppedCount(), 3);
+    EXPECT_FALSE(events.hasEnded());
+    std::vector<double> fractions;
+    while (const auto event = events.next()) {
+        fractions.push_back(event->fraction());
+    }
+    EXPECT_EQ(fractions, (std::vector{0.0, 0.0, 0.3, 0.4, 0.5, 0.6, 0.7, 0.0}));
+    EXPECT_TRUE(events.hasEnded());
+
+    ScanEventStream roomy;
+    roomy.finishEvents(7.0);
+    EXPECT_EQ(roomy.next()->fraction(), 1.0);
 }
 
 TEST(ScanEventStream, BlockedConsumerWakesForEventsTheEndAndAStop)
