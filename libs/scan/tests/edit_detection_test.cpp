@@ -15,15 +15,15 @@ namespace kestrin::scan {
 namespace {
 
 using core::EditMarker;
-using core::Error;
 using core::Expected;
 using core::MediaTime;
-using media_testing::SyntheticAsset;
 using media_testing::SyntheticTrack;
+using Asset = std::shared_ptr<media_testing::SyntheticAsset>;
+using Frames = std::vector<std::int64_t>;
 using Markers = std::vector<EditMarker>;
 using Outcome = Expected<std::optional<EditMarker>>;
 
-const Error kFault{"FFmpeg", -5, "Input/output error"};
+const core::Error kFault{"FFmpeg", -5, "Input/output error"};
 
 // Equal values, or equal errors.
 template <typename T>
@@ -33,88 +33,86 @@ bool sameOutcome(const Expected<T>& actual, const Expected<T>& expected)
            && (actual ? *actual == *expected : actual.error() == expected.error());
 }
 
-// A track at num / den frames per second of `count` frames, cut into shots at `cuts`, each shot
-// flat at a luma of its own: every score within a shot is 0, so the cuts stand out.
-SyntheticTrack shotsTrack(std::int64_t count,
-                          const std::vector<std::int64_t>& cuts,
-                          std::int32_t num = 25,
-                          std::int32_t den = 1)
+// Markers at `frames` of a 25 fps track.
+Expected<Markers> markersAt(const Frames& frames)
 {
-    static constexpr std::uint8_t kShotLuma[] = {40, 200, 90, 160, 20, 230};
+    Markers markers;
+    for (const std::int64_t frame : frames) {
+        markers.push_back({frame, MediaTime::make(frame, 25), std::nullopt});
+    }
+    return markers;
+}
+
+// A track at num / den frames per second of `count` frames, cut into shots at `cuts`, each shot
+// flat, dark and bright in turn: every score within a shot is 0, so the cuts stand out, and every
+// cut changes the picture by as much as any other.
+SyntheticTrack shotsTrack(std::int64_t count, const Frames& cuts, int num = 25, int den = 1)
+{
     SyntheticTrack track;
     track.nominalFrameRate = static_cast<float>(num) / static_cast<float>(den);
     track.minFrameDuration = MediaTime::make(den, num);
     for (std::int64_t i = 0; i < count; ++i) {
-        const auto shot =
-            std::count_if(cuts.begin(), cuts.end(), [i](auto cut) { return cut <= i; });
+        const auto shot = std::ranges::count_if(cuts, [i](auto cut) { return cut <= i; });
         track.samples.push_back(
-            {MediaTime::make(i * den, num), true, media_testing::flatPicture(kShotLuma[shot % 6])});
+            {MediaTime::make(i * den, num), true, media_testing::flatPicture(shot % 2 ? 200 : 40)});
     }
     return track;
 }
 
 // An asset of `track` alone, by default as long as its frames.
-std::shared_ptr<SyntheticAsset> assetOf(SyntheticTrack track,
-                                        Expected<MediaTime> duration = MediaTime::invalid())
+Asset assetOf(SyntheticTrack track, Expected<MediaTime> duration = MediaTime::invalid())
 {
     if (duration && *duration == MediaTime::invalid()) {
         const MediaTime frame = *track.minFrameDuration;
-        duration = MediaTime::make(static_cast<std::int64_t>(track.samples.size()) * frame.value,
-                                   frame.timescale);
+        duration = MediaTime::make(std::ssize(track.samples) * frame.value, frame.timescale);
     }
-    return std::make_shared<SyntheticAsset>(duration,
-                                            std::vector<SyntheticTrack>{std::move(track)});
-}
-
-std::vector<std::int64_t> framesOf(const Markers& markers)
-{
-    std::vector<std::int64_t> frames(markers.size());
-    std::ranges::transform(markers, frames.begin(), &EditMarker::frameIndex);
-    return frames;
+    return std::make_shared<media_testing::SyntheticAsset>(duration, std::vector{std::move(track)});
 }
 
 struct Detection
 {
     Expected<Markers> result = Markers{};
     std::vector<double> reports;
+    Frames refined;  // the candidates refined, in frame order
+
+    void operator()(double progress) { reports.push_back(progress); }  // the progress callback
 };
 
-Detection detect(const std::shared_ptr<SyntheticAsset>& asset,
-                 const DetectionOptions& options = {},
-                 std::stop_token stopToken = {})
+// Detects, refining with refineAround unless every refinement is to give `outcome`.
+Detection detect(const Asset& asset, std::optional<Outcome> outcome = {}, std::stop_token stop = {})
 {
     media_testing::SyntheticAssetOpener opener;
     opener.add("clip.mov", asset);
     Detection run;
-    const auto report = [&run](double p) {
-        run.reports.push_back(p);
+    std::mutex mutex;  // refinements run on several threads
+    DetectionOptions options;
+    options.refine = [&](std::int64_t frame, const auto& a, const auto& t, std::stop_token s) {
+        const std::lock_guard lock(mutex);
+        run.refined.push_back(frame);
+        return outcome ? *outcome : refineAround(frame, a, t, std::move(s));
     };
-    run.result = detectEditsByDecoding(opener, "clip.mov", report, std::move(stopToken), options);
+    run.result = detectEditsByDecoding(opener, "clip.mov", std::ref(run), std::move(stop), options);
+    std::ranges::sort(run.refined);
     return run;
 }
 
-TEST(DetectStatistics, MedianRobustSigmaStrideAndWidth)
+TEST(DetectionArithmetic, StatisticsStrideWidthSuppressionAndMerging)
 {
     EXPECT_EQ(median(std::vector<float>{}), 0.0F);
     EXPECT_EQ(median(std::vector<float>{3, 1, 2}), 2.0F);
     EXPECT_EQ(median(std::vector<float>{4, 1, 3, 2}), 2.5F);
     // Deviations from 3: 2 1 0 1 97, median 1; the outlier does not move it.
     EXPECT_FLOAT_EQ(robustSigma(std::vector<float>{1, 2, 3, 4, 100}, 3.0F), 1.4826F);
+    EXPECT_EQ(sampleStrideForRate(std::numeric_limits<float>::quiet_NaN()), 4);
+    EXPECT_EQ(sampleStrideForRate(0.5F), 3);
+    EXPECT_EQ(sampleStrideForRate(26.0F), 4);
+    EXPECT_EQ(sampleStrideForRate(40.0F), 6);
+    EXPECT_EQ(sampleStrideForRate(70.0F), 8);
+    EXPECT_EQ(refineWidthFor(0), 2);
+    EXPECT_EQ(refineWidthFor(3), 2);
+    EXPECT_EQ(refineWidthFor(4), 3);
 
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    const std::pair<float, int> strides[] = {
-        {nan, 4}, {0.5F, 3}, {26.0F, 4}, {40.0F, 6}, {70.0F, 8}};
-    for (const auto& [rate, stride] : strides) {
-        EXPECT_EQ(sampleStrideForRate(rate), stride) << rate;
-    }
-    const std::pair<unsigned, int> widths[] = {{0, 2}, {3, 2}, {4, 3}};
-    for (const auto& [processors, width] : widths) {
-        EXPECT_EQ(refineWidthFor(processors), width) << processors;
-    }
-}
-
-TEST(SuppressNearbyCandidates, KeepsTheStrongerOfCloseCandidates)
-{
+    // Of candidates within twice the radius, the stronger stays.
     using Candidates = std::vector<Candidate>;
     const std::pair<Candidates, Candidates> rows[] = {
         {{{100, 1.0F}, {120, 2.0F}}, {{120, 2.0F}}},               // 20 apart
@@ -125,25 +123,15 @@ TEST(SuppressNearbyCandidates, KeepsTheStrongerOfCloseCandidates)
     for (const auto& [candidates, kept] : rows) {
         EXPECT_EQ(suppressNearbyCandidates(candidates, 10), kept) << candidates[0].frameIndex;
     }
-}
 
-TEST(MergeNearbyMarkers, LaterMarkerReplacesOneWithinDistance)
-{
-    const auto markersAt = [](const std::vector<std::int64_t>& frames) {
-        Markers markers;
-        for (const std::int64_t frame : frames) {
-            markers.push_back({frame, MediaTime::make(frame, 25), std::nullopt});
-        }
-        return markers;
-    };
-    const std::pair<std::vector<std::int64_t>, std::vector<std::int64_t>> rows[] = {
-        {{103, 100}, {103}},
-        {{100, 104}, {100, 104}},
-        {{106, 100, 103}, {106}},
-        {{100, 110, 112}, {100, 112}},
-        {{}, {}}};
-    for (const auto& [frames, merged] : rows) {
-        EXPECT_EQ(mergeNearbyMarkers(markersAt(frames), 3), markersAt(merged)) << frames.size();
+    // A later marker replaces the last kept one within the distance.
+    const std::pair<Frames, Frames> merges[] = {{{103, 100}, {103}},
+                                                {{100, 104}, {100, 104}},
+                                                {{106, 100, 103}, {106}},
+                                                {{100, 110, 112}, {100, 112}},
+                                                {{}, {}}};
+    for (const auto& [frames, merged] : merges) {
+        EXPECT_EQ(mergeNearbyMarkers(*markersAt(frames), 3), *markersAt(merged)) << frames.size();
     }
 }
 
@@ -174,145 +162,99 @@ TEST(FrameRateRational, MinFrameDurationFirstThenNamedRates)
     EXPECT_EQ(frameIndexAt(MediaTime::make(24 * 7 - 1, 600), {25, 1}), 6);
 }
 
-TEST(RefineAround, FindsTheCutWithinTwelveFramesOrNoMarkerOrAnError)
+TEST(RefineAround, FindsTheFirstOfTheLargestChangesWithinTwelveFramesOrNoMarkerOrAnError)
 {
-    // Frames, cut, candidate, rate.
-    const std::tuple<std::int64_t, std::int64_t, std::int64_t, std::int32_t, std::int32_t> rows[] =
-        {
-            {100, 50, 50, 25, 1},
-            {100, 50, 39, 25, 1},
-            {100, 50, 61, 25, 1},
-            {30, 1, 0, 25, 1},     // the range starts at 0
-            {100, 98, 99, 25, 1},  // the range ends at the duration
-            {300, 161, 168, 30000, 1001},
-        };
+    // Frames, cut (another as large follows 5 frames later), candidate, rate.
+    const std::tuple<int, int, int, int, int> rows[] = {
+        {100, 50, 50, 25, 1},
+        {100, 50, 39, 25, 1},
+        {100, 50, 61, 25, 1},
+        {30, 1, 0, 25, 1},     // the range starts at 0
+        {100, 98, 99, 25, 1},  // the range ends at the duration
+        {300, 161, 168, 30000, 1001},
+    };
     for (const auto& [frames, cut, candidate, num, den] : rows) {
-        SCOPED_TRACE(candidate);
-        const auto asset = assetOf(shotsTrack(frames, {cut}, num, den));
+        const auto asset = assetOf(shotsTrack(frames, {cut, cut + 5}, num, den));
         const auto marker = refineAround(candidate, *asset, *(*asset->tracks())[0], {});
-        EXPECT_TRUE(sameOutcome(
-            marker, Outcome(EditMarker{cut, MediaTime::make(cut * den, num), std::nullopt})));
+        const EditMarker expected{cut, MediaTime::make(std::int64_t{cut} * den, num), std::nullopt};
+        EXPECT_TRUE(sameOutcome(marker, Outcome(expected))) << candidate;
         // 25 frames, and one more where the 1/600 s bounds do not fall on the frame grid.
         EXPECT_LE(asset->statistics().framesDelivered, 26);
     }
 
-    const std::optional<EditMarker> none;
-    const std::tuple<const char*, std::function<void(SyntheticTrack&)>, Outcome> failures[] = {
-        {"one frame", [](SyntheticTrack& t) { t.samples.resize(1); }, none},
-        {"no usable rate",
-         [](SyntheticTrack& t) {
-             t.minFrameDuration = MediaTime::invalid();
-             t.nominalFrameRate = 0.0F;
-         },
-         none},
-        {"start refused",
-         [](SyntheticTrack& t) {
-             t.faults.refuseStart = true;
-             t.faults.startError = kFault;
-         },
-         kFault},
-        {"start refused silently",
-         [](SyntheticTrack& t) { t.faults.refuseStart = true; },
-         scan_error::refineStartFailed()},
-        {"stopped", [](SyntheticTrack&) {}, scan_error::cancelled()},
-    };
-    for (const auto& [name, change, outcome] : failures) {
-        SyntheticTrack track = shotsTrack(40, {20});
-        change(track);
+    std::stop_source stop;
+    stop.request_stop();
+    // Frames, frame rate (0: none usable), start refused (with this error), stop.
+    const std::tuple<int, int, bool, std::optional<core::Error>, std::stop_token, Outcome>
+        failures[] = {
+            {1, 25, false, std::nullopt, {}, Outcome(std::nullopt)},
+            {40, 0, false, std::nullopt, {}, Outcome(std::nullopt)},
+            {40, 25, true, kFault, {}, kFault},
+            {40, 25, true, std::nullopt, {}, scan_error::refineStartFailed()},
+            {40, 25, false, std::nullopt, stop.get_token(), scan_error::cancelled()},
+        };
+    for (const auto& [frames, num, refused, startError, token, outcome] : failures) {
+        SyntheticTrack track = shotsTrack(frames, {20}, num);
+        track.faults.refuseStart = refused;
+        track.faults.startError = startError;
         const auto asset = assetOf(track, MediaTime::make(40, 25));
-        std::stop_source stop;
-        if (std::string_view(name) == "stopped") {
-            stop.request_stop();
-        }
-        EXPECT_TRUE(sameOutcome(refineAround(20, *asset, *(*asset->tracks())[0], stop.get_token()),
-                                outcome))
-            << name;
+        EXPECT_TRUE(sameOutcome(refineAround(20, *asset, *(*asset->tracks())[0], token), outcome))
+            << frames << num << refused << token.stop_requested();
     }
 }
 
-TEST(DetectEditsByDecoding, FindsEveryCutNeedsEightScoresAndFallsBackToTheHighest)
+TEST(DetectEditsByDecoding, FindsEveryCutNeedsEightScoresFallsBackAndPassesErrorsOn)
 {
-    const std::vector<std::int64_t> cuts = {31, 77, 118, 160};
+    const Frames cuts = {31, 77, 118, 160};
     const auto asset = assetOf(shotsTrack(200, cuts));
     const Detection detection = detect(asset);
-    ASSERT_TRUE(detection.result) << detection.result.error().description;
-    EXPECT_EQ(framesOf(*detection.result), cuts);
-    EXPECT_EQ(detection.result->front().time, MediaTime::make(31, 25));
-
+    EXPECT_TRUE(sameOutcome(detection.result, markersAt(cuts)));
     // The pass up to 0.3, then one step per refined candidate; never decreasing.
-    const auto& reports = detection.reports;
-    ASSERT_GE(reports.size(), 5U);
-    EXPECT_TRUE(std::is_sorted(reports.begin(), reports.end()));
-    EXPECT_LE(reports[reports.size() - 5], kSignatureWeight);
-    const double refined[] = {0.475, 0.65, 0.825, 1.0};
-    for (std::size_t i = 0; i < 4; ++i) {
-        EXPECT_NEAR(reports[reports.size() - 4 + i], refined[i], 1e-12);
+    ASSERT_GE(detection.reports.size(), 5U);
+    EXPECT_TRUE(std::ranges::is_sorted(detection.reports));
+    EXPECT_LE(detection.reports.end()[-5], kSignatureWeight);
+    for (int i = 1; i <= 4; ++i) {
+        EXPECT_NEAR(detection.reports.end()[i - 5], 0.3 + 0.175 * i, 1e-12) << i;
     }
     // The track once, then at most 26 frames around each candidate.
     EXPECT_LE(asset->statistics().framesDelivered, 200 + 4 * 26);
 
-    // At 25 fps every third frame is scored: 24 frames give 7 scores, 27 give 8.
-    const Detection seven = detect(assetOf(shotsTrack(24, {13})));
-    EXPECT_TRUE(sameOutcome(seven.result, Expected<Markers>(Markers{})));
-    EXPECT_EQ(seven.reports, std::vector<double>{0.0});  // the pass's one report, nothing after
-    const Detection eight = detect(assetOf(shotsTrack(27, {13})));
-    ASSERT_TRUE(eight.result);
-    EXPECT_EQ(framesOf(*eight.result), std::vector<std::int64_t>{13});
-
-    // 120 identical frames: every score is 0, so none stands out; 18 candidates per minute, at
-    // least 18, are taken in frame order (equal scores) and thinned to one per 21 frames.
-    const std::pair<MediaTime, std::vector<std::int64_t>> rows[] = {
-        {MediaTime::make(120, 25), {3, 24, 45}},
-        {MediaTime::make(120, 1), {3, 24, 45, 66, 87, 108}},
-    };
-    for (const auto& [duration, expected] : rows) {
-        std::mutex mutex;
-        std::vector<std::int64_t> picked;
-        DetectionOptions options;
-        options.refine = [&](std::int64_t frame, const auto&, const auto&, std::stop_token) {
-            const std::lock_guard lock(mutex);
-            picked.push_back(frame);
-            return Outcome(std::nullopt);
-        };
-        const Detection fallback = detect(assetOf(shotsTrack(120, {}), duration), options);
-        EXPECT_TRUE(sameOutcome(fallback.result, Expected<Markers>(Markers{})));
-        std::ranges::sort(picked);
-        EXPECT_EQ(picked, expected);
-        EXPECT_NEAR(fallback.reports.back(), 1.0, 1e-12);
-    }
-}
-
-TEST(DetectEditsByDecoding, PassesErrorsOnAndFindsNothingWithoutVideo)
-{
-    SyntheticTrack audio = shotsTrack(100, {40});
+    const SyntheticTrack flat = shotsTrack(120, {});
+    const SyntheticTrack track = shotsTrack(100, {40});
+    SyntheticTrack audio = track;
     audio.mediaType = media::MediaType::audio;
-    SyntheticTrack noRate = shotsTrack(100, {40});
+    SyntheticTrack noRate = track;
     noRate.nominalFrameRate = kFault;
-    const auto noTracks = assetOf(shotsTrack(100, {40}));
+    const auto noTracks = assetOf(track);
     noTracks->failTrackLoad(kFault);
-    DetectionOptions failingRefinement;
-    failingRefinement.refine = [](std::int64_t, const auto&, const auto&, std::stop_token) {
-        return Outcome(kFault);
+    std::stop_source stop;
+    stop.request_stop();
+    const Outcome none(std::nullopt);
+    // A detection, its outcome, the candidates refined.
+    const std::tuple<Detection, Expected<Markers>, Frames> rows[] = {
+        // At 25 fps every third frame is scored: 24 frames give 7 scores, 27 give 8.
+        {detect(assetOf(shotsTrack(24, {13}))), Markers{}, {}},
+        {detect(assetOf(shotsTrack(27, {13}))), markersAt({13}), {15}},
+        // 120 identical frames: every score is 0, so none stands out; 18 candidates per minute,
+        // at least 18, are taken in frame order (equal scores) and thinned to one per 21 frames.
+        {detect(assetOf(flat, MediaTime::make(120, 25)), none), Markers{}, {3, 24, 45}},
+        {detect(assetOf(flat, MediaTime::make(120, 1)), none), Markers{}, {3, 24, 45, 66, 87, 108}},
+        {detect(assetOf(audio)), Markers{}, {}},
+        {detect(assetOf(track, kFault)), kFault, {}},
+        {detect(noTracks), kFault, {}},
+        {detect(assetOf(noRate)), kFault, {}},
+        {detect(assetOf(track), kFault), kFault, {42}},
+        {detect(assetOf(track), none, stop.get_token()), scan_error::cancelled(), {}},
     };
-    std::stop_source stopped;
-    stopped.request_stop();
-
-    const std::tuple<const char*, Detection, Expected<Markers>> rows[] = {
-        {"no video", detect(assetOf(audio)), Markers{}},
-        {"duration", detect(assetOf(shotsTrack(100, {40}), kFault)), kFault},
-        {"tracks", detect(noTracks), kFault},
-        {"nominal rate", detect(assetOf(noRate)), kFault},
-        {"refinement", detect(assetOf(shotsTrack(100, {40})), failingRefinement), kFault},
-        {"stopped",
-         detect(assetOf(shotsTrack(100, {40})), {}, stopped.get_token()),
-         scan_error::cancelled()},
-    };
-    for (const auto& [name, detection, outcome] : rows) {
-        EXPECT_TRUE(sameOutcome(detection.result, outcome)) << name;
+    for (int row = 0; const auto& [run, outcome, refined] : rows) {
+        EXPECT_TRUE(sameOutcome(run.result, outcome)) << row;
+        EXPECT_EQ(run.refined, refined) << row++;
     }
-    const media_testing::SyntheticAssetOpener none;
-    EXPECT_EQ(detectEditsByDecoding(none, "missing.mov", {}, {}).error(),
-              none.openAsset("missing.mov", {}).error());
+    // The pass's one report, none after.
+    EXPECT_EQ(std::get<0>(rows[0]).reports, std::vector<double>{0.0});
+    const media_testing::SyntheticAssetOpener empty;
+    EXPECT_EQ(detectEditsByDecoding(empty, "missing.mov", {}, {}).error(),
+              empty.openAsset("missing.mov", {}).error());
 }
 
 }  // namespace

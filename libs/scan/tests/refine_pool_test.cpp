@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -15,166 +16,109 @@ namespace kestrin::scan {
 namespace {
 
 using core::EditMarker;
-using core::Error;
+using Frames = std::vector<std::int64_t>;
 using Outcome = core::Expected<std::optional<EditMarker>>;
 
-struct Seen
+// refineCandidates over `candidates` on a thread of its own, with refinements that each block until
+// the test releases their frame, then give the scripted outcome (by default a marker on the frame).
+// The thread's stop token is the pool's, and a stop also ends a refinement's wait with the
+// cancellation error: destroying this (also after a failed assertion) stops and joins the pool.
+struct ScriptedRefinements
 {
-    std::vector<std::int64_t> started;  // in start order
-    std::vector<double> reports;
-    int mostRunning = 0;
-};
-
-// Refinements that each block until the test releases their candidate, then give the scripted
-// outcome (by default a marker on the candidate frame). A stop request also ends the wait, with the
-// cancellation error, so a failing test cannot leave a worker blocked.
-class ScriptedRefinements
-{
-public:
-    explicit ScriptedRefinements(std::map<std::int64_t, Outcome> script = {})
-        : script_(std::move(script))
-    {}
-
-    CandidateRefiner refiner()
-    {
-        return [this](std::int64_t frame, std::stop_token token) -> Outcome {
-            std::unique_lock lock(mutex_);
-            seen_.started.push_back(frame);
-            seen_.mostRunning = std::max(seen_.mostRunning, ++running_);
-            changed_.notify_all();
-            const bool released =
-                changed_.wait(lock, token, [&] { return released_.contains(frame); });
-            --running_;
-            if (!released) {
-                return scan_error::cancelled();
-            }
-            const auto scripted = script_.find(frame);
-            return scripted != script_.end()
-                       ? scripted->second
-                       : Outcome(EditMarker{frame, core::MediaTime::make(frame, 25), std::nullopt});
-        };
-    }
-
-    ProgressCallback progress()
-    {
-        return [this](double p) {
-            const std::lock_guard lock(mutex_);
-            seen_.reports.push_back(p);
-            changed_.notify_all();
-        };
-    }
-
-    void release(std::int64_t frame)
-    {
-        const std::lock_guard lock(mutex_);
-        released_.insert(frame);
-        changed_.notify_all();
-    }
-
-    // Waits until `starts` refinements have started and `reports` progress values were reported.
-    Seen waitFor(std::size_t starts, std::size_t reports)
-    {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] {
-            return seen_.started.size() >= starts && seen_.reports.size() >= reports;
-        });
-        return seen_;
-    }
-
-private:
-    std::map<std::int64_t, Outcome> script_;
-    std::mutex mutex_;
-    std::condition_variable_any changed_;
-    // All guarded by mutex_.
-    Seen seen_;
-    std::set<std::int64_t> released_;
-    int running_ = 0;
-};
-
-// Runs refineCandidates on a thread of its own, so that the test can drive the refinements. Its
-// stop token is the pool's: destroying the run (also on a failed assertion) stops and joins it.
-struct PoolRun
-{
-    PoolRun(std::vector<std::int64_t> frames, int width, ScriptedRefinements& refinements)
-        : candidates(std::move(frames))
-        , thread([this, width, &refinements](std::stop_token token) {
-            result = refineCandidates(candidates,
-                                      width,
-                                      refinements.refiner(),
-                                      refinements.progress(),
-                                      lastProgress,
-                                      std::move(token));
+    ScriptedRefinements(Frames candidates, int width, std::map<std::int64_t, Outcome> outcomes = {})
+        : script(std::move(outcomes))
+        , pool([this, frames = std::move(candidates), width](std::stop_token token) {
+            result = refineCandidates(
+                frames, width, std::ref(*this), std::ref(*this), lastProgress, token);
         })
     {}
 
-    // The outcome, once the pool has returned.
-    core::Expected<std::vector<EditMarker>> finish()
+    // The refiner.
+    Outcome operator()(std::int64_t frame, std::stop_token token)
     {
-        thread.join();
-        return result;
+        std::unique_lock lock(mutex);
+        started.push_back(frame);
+        mostRunning = std::max(mostRunning, ++running);
+        changed.notify_all();
+        const bool free = changed.wait(lock, token, [&] { return released.contains(frame); });
+        --running;
+        script.try_emplace(frame, EditMarker{frame, {}, std::nullopt});
+        return free ? script.at(frame) : Outcome(scan_error::cancelled());
     }
 
-    std::vector<std::int64_t> candidates;
-    double lastProgress = 0.3;
-    core::Expected<std::vector<EditMarker>> result = std::vector<EditMarker>{};
-    std::jthread thread;
-};
+    // The progress callback.
+    void operator()(double progress) { note(reports, progress); }
 
-std::vector<std::int64_t> sorted(std::vector<std::int64_t> frames)
-{
-    std::ranges::sort(frames);
-    return frames;
-}
+    // Adds `value` to `into`, a release or a progress value, and wakes the waiters.
+    void note(auto& into, auto value)
+    {
+        const std::lock_guard lock(mutex);
+        into.insert(into.end(), value);
+        changed.notify_all();
+    }
+
+    // Waits for `starts` refinements to have started and `count` progress values; gives the
+    // frames started, in start order.
+    Frames waitFor(std::size_t starts, std::size_t count)
+    {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return started.size() >= starts && reports.size() >= count; });
+        return started;
+    }
+
+    std::map<std::int64_t, Outcome> script;
+    std::mutex mutex;
+    std::condition_variable_any changed;
+    // Guarded by mutex until the pool has joined.
+    std::set<std::int64_t> released;
+    Frames started;
+    std::vector<double> reports;
+    int running = 0;
+    int mostRunning = 0;
+    // Above what the first completion gives, so progress must not fall back to it.
+    double lastProgress = 0.5;
+    core::Expected<std::vector<EditMarker>> result = std::vector<EditMarker>{};
+    std::jthread pool;  // last: it starts once everything else exists
+};
 
 TEST(RefinePool, RunsAtMostWidthInCompletionOrderAndStopsAtTheFirstErrorOrTheCallersStop)
 {
     // Frame 30 finds no marker; it still counts towards progress.
-    ScriptedRefinements refinements({{30, Outcome(std::optional<EditMarker>{})}});
-    PoolRun run({10, 20, 30, 40, 50, 60}, 3, refinements);
-
-    EXPECT_EQ(sorted(refinements.waitFor(3, 0).started), (std::vector<std::int64_t>{10, 20, 30}));
-    // Each release lets one more start, the next in frame order, once its result was handled.
-    std::size_t reports = 0;
-    const std::pair<std::int64_t, std::int64_t> steps[] = {{20, 40}, {40, 50}, {10, 60}};
-    for (const auto& [release, next] : steps) {
-        refinements.release(release);
-        ++reports;
-        EXPECT_EQ(refinements.waitFor(reports + 3, reports).started.back(), next);
-    }
-    for (const std::int64_t release : {60, 30, 50}) {
-        refinements.release(release);
-        refinements.waitFor(6, ++reports);
-    }
-
-    const auto markers = run.finish();
-    ASSERT_TRUE(markers);
-    std::vector<std::int64_t> frames(markers->size());
-    std::ranges::transform(*markers, frames.begin(), &EditMarker::frameIndex);
-    EXPECT_EQ(frames, (std::vector<std::int64_t>{20, 40, 10, 60, 50}));
-    const Seen seen = refinements.waitFor(6, 6);
-    EXPECT_EQ(seen.started.size(), 6U);
-    EXPECT_EQ(seen.mostRunning, 3);
+    ScriptedRefinements run({10, 20, 30, 40, 50, 60}, 3, {{30, Outcome(std::nullopt)}});
+    EXPECT_TRUE(std::ranges::is_permutation(run.waitFor(3, 0), Frames{10, 20, 30}));
+    // Each completion, once handled, lets the next in frame order start.
+    const std::int64_t releases[] = {20, 40, 10, 60, 30, 50};
     for (std::size_t done = 1; done <= 6; ++done) {
-        EXPECT_NEAR(seen.reports[done - 1], 0.3 + 0.7 * static_cast<double>(done) / 6.0, 1e-12);
+        run.note(run.released, releases[done - 1]);
+        run.waitFor(std::min<std::size_t>(done + 3, 6), done);
     }
-    EXPECT_EQ(run.lastProgress, seen.reports.back());
+    run.pool.join();
+    ASSERT_TRUE(run.result);
+    EXPECT_EQ(Frames(run.started.begin() + 3, run.started.end()), (Frames{40, 50, 60}));
+    Frames found;
+    std::ranges::transform(*run.result, std::back_inserter(found), &EditMarker::frameIndex);
+    EXPECT_EQ(found, (Frames{20, 40, 10, 60, 50}));
+    EXPECT_EQ(run.mostRunning, 3);
+    for (std::size_t done = 1; done <= 6; ++done) {
+        const double share = 0.3 + 0.7 * static_cast<double>(done) / 6.0;
+        EXPECT_NEAR(run.reports[done - 1], std::max(share, 0.5), 1e-12) << done;
+    }
+    EXPECT_EQ(run.lastProgress, run.reports.back());
 
-    const Error failure{"FFmpeg", -5, "Input/output error"};
+    const core::Error failure{"FFmpeg", -5, "Input/output error"};
     for (const bool callerStops : {false, true}) {
-        ScriptedRefinements failing({{20, Outcome(failure)}});
-        PoolRun stopped({10, 20, 30, 40}, 2, failing);
-        EXPECT_EQ(sorted(failing.waitFor(2, 0).started), (std::vector<std::int64_t>{10, 20}));
+        ScriptedRefinements failing({10, 20, 30, 40}, 2, {{20, failure}});
+        EXPECT_TRUE(std::ranges::is_permutation(failing.waitFor(2, 0), Frames{10, 20}));
+        // Either 20 fails or the caller stops; 10 stays blocked until the pool stops it.
+        failing.note(failing.released, callerStops ? 0 : 20);
         if (callerStops) {
-            stopped.thread.request_stop();
-        } else {
-            failing.release(20);  // 10 stays blocked until the pool stops it
+            failing.pool.request_stop();
         }
-        const auto result = stopped.finish();
-        ASSERT_FALSE(result);
-        EXPECT_EQ(result.error(), callerStops ? scan_error::cancelled() : failure);
-        const Seen left = failing.waitFor(0, 0);
-        EXPECT_EQ(left.started.size(), 2U);  // 30 and 40 never started
-        EXPECT_TRUE(left.reports.empty());
+        failing.pool.join();
+        ASSERT_FALSE(failing.result);
+        EXPECT_EQ(failing.result.error(), callerStops ? scan_error::cancelled() : failure);
+        EXPECT_EQ(failing.started.size(), 2U);  // 30 and 40 never started
+        EXPECT_TRUE(failing.reports.empty());
     }
 }
 
