@@ -62,6 +62,44 @@ core::Status checkTextLength(std::string_view role, std::string_view text)
                            + std::to_string(kMaxTextBytes) + " bytes."};
 }
 
+// The file with one marker event per element of `tickDeltas`, marker i carrying nameOf(i); the
+// texts' lengths are checked by the caller.
+template <typename NameOf>
+core::Expected<std::vector<std::uint8_t>> assembleEvents(std::span<const std::uint64_t> tickDeltas,
+                                                         const NameOf& nameOf)
+{
+    static_assert(kTrackName.size() <= kMaxTextBytes);
+
+    std::vector<std::uint8_t> file;
+    appendText(file, "MThd");
+    appendBigEndian(file, 6, 4);
+    appendBigEndian(file, 1, 2);  // format 1
+    appendBigEndian(file, 1, 2);  // one track
+    appendBigEndian(file, kTicksPerQuarter, 2);
+    appendText(file, "MTrk");
+    appendBigEndian(file, 0, 4);  // track length, filled in below
+
+    file.insert(file.end(), {0x00, kMetaEvent, kSetTempo, 0x03});
+    appendBigEndian(file, kTempoUSPerQuarter, 3);
+    appendTextEvent(file, 0, kTrackNameEvent, kTrackName);
+    for (std::size_t i = 0; i < tickDeltas.size(); ++i) {
+        appendTextEvent(file, tickDeltas[i], kMarker, nameOf(i));
+    }
+    file.insert(file.end(), {0x00, kMetaEvent, kEndOfTrack, 0x00});
+
+    const std::size_t trackBytes = file.size() - kHeaderBytes;
+    if (trackBytes > std::numeric_limits<std::uint32_t>::max()) {
+        return core::Error{std::string(kMIDIErrorDomain),
+                           kTrackTooLongCode,
+                           "The marker track is " + std::to_string(trackBytes)
+                               + " bytes long; a MIDI track holds at most 4294967295 bytes."};
+    }
+    std::vector<std::uint8_t> length;
+    appendBigEndian(length, trackBytes, 4);
+    std::copy(length.begin(), length.end(), file.begin() + (kHeaderBytes - 4));
+    return file;
+}
+
 }  // namespace
 
 std::vector<std::uint8_t> encodeVariableLengthQuantity(std::uint64_t value)
@@ -100,36 +138,26 @@ core::Expected<std::vector<std::uint8_t>> assembleMarkerFile(
             return status.error();
         }
     }
-    static_assert(kTrackName.size() <= kMaxTextBytes);
+    return assembleEvents(tickDeltas,
+                          [&](std::size_t i) { return i == 0 ? firstName : markerName; });
+}
 
-    std::vector<std::uint8_t> file;
-    appendText(file, "MThd");
-    appendBigEndian(file, 6, 4);
-    appendBigEndian(file, 1, 2);  // format 1
-    appendBigEndian(file, 1, 2);  // one track
-    appendBigEndian(file, kTicksPerQuarter, 2);
-    appendText(file, "MTrk");
-    appendBigEndian(file, 0, 4);  // track length, filled in below
-
-    file.insert(file.end(), {0x00, kMetaEvent, kSetTempo, 0x03});
-    appendBigEndian(file, kTempoUSPerQuarter, 3);
-    appendTextEvent(file, 0, kTrackNameEvent, kTrackName);
-    for (std::size_t i = 0; i < tickDeltas.size(); ++i) {
-        appendTextEvent(file, tickDeltas[i], kMarker, i == 0 ? firstName : markerName);
-    }
-    file.insert(file.end(), {0x00, kMetaEvent, kEndOfTrack, 0x00});
-
-    const std::size_t trackBytes = file.size() - kHeaderBytes;
-    if (trackBytes > std::numeric_limits<std::uint32_t>::max()) {
+core::Expected<std::vector<std::uint8_t>> assembleMarkerFile(
+    std::span<const std::uint64_t> tickDeltas, std::span<const std::string> markerNames)
+{
+    if (markerNames.size() != tickDeltas.size()) {
         return core::Error{std::string(kMIDIErrorDomain),
-                           kTrackTooLongCode,
-                           "The marker track is " + std::to_string(trackBytes)
-                               + " bytes long; a MIDI track holds at most 4294967295 bytes."};
+                           kNameCountCode,
+                           std::to_string(markerNames.size()) + " marker names were given for "
+                               + std::to_string(tickDeltas.size()) + " markers."};
     }
-    std::vector<std::uint8_t> length;
-    appendBigEndian(length, trackBytes, 4);
-    std::copy(length.begin(), length.end(), file.begin() + (kHeaderBytes - 4));
-    return file;
+    for (const std::string& name : markerNames) {
+        if (core::Status status = checkTextLength("marker name", name); !status) {
+            return status.error();
+        }
+    }
+    return assembleEvents(tickDeltas,
+                          [&](std::size_t i) { return std::string_view(markerNames[i]); });
 }
 
 }  // namespace kestrin::midi

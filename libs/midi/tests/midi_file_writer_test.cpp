@@ -63,6 +63,23 @@ TEST(MIDIMarkerFile, LayoutOfLongerFiles)
     EXPECT_EQ(assembled({10, 20}, "cut", ""), assembled({10, 20}, "cut", "cut"));
 }
 
+TEST(MIDIMarkerFile, TextPerMarker)
+{
+    // The same texts give the same bytes as one marker name does.
+    const std::vector<std::uint64_t> ticks = {10, 20, 30};
+    const std::vector<std::string> same = {"VIDEO START", "cut", "cut"};
+    EXPECT_EQ(assembleMarkerFile(ticks, same).value(), assembled(ticks, "cut", "VIDEO START"));
+
+    // Each marker carries its own text: the second of {a, bc} starts after delta 5, FF 06 02.
+    const std::vector<std::string> own = {"a", "bc"};
+    const Bytes file = assembleMarkerFile(std::vector<std::uint64_t>{0, 5}, own).value();
+    EXPECT_EQ(Bytes(file.begin() + 53, file.begin() + 59), (Bytes{5, 0xFF, 6, 2, 'b', 'c'}));
+
+    EXPECT_EQ(assembleMarkerFile(ticks, own).error().code, kNameCountCode);
+    const std::vector<std::string> tooLong = {"V", std::string(kMaxTextBytes + 1, 'a'), "c"};
+    EXPECT_EQ(assembleMarkerFile(ticks, tooLong).error().code, kTextTooLongCode);
+}
+
 TEST(MIDIMarkerFile, TextsLongerThan255BytesAreRefused)
 {
     const std::string longest(kMaxTextBytes, 'a');

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -27,6 +28,8 @@ inline constexpr std::string_view kMIDIErrorDomain = "MIDI";
 inline constexpr std::int64_t kTextTooLongCode = 1;
 /// Error code: the track's events do not fit the 32-bit length of the track chunk.
 inline constexpr std::int64_t kTrackTooLongCode = 2;
+/// Error code: the number of marker texts differs from the number of marker events.
+inline constexpr std::int64_t kNameCountCode = 3;
 
 /// `value` as a MIDI variable-length quantity: groups of 7 bits, most significant first, every
 /// byte but the last with its top bit set; 0 is the single byte 00 (127 -> 7F, 128 -> 81 00,
@@ -51,5 +54,13 @@ inline constexpr std::int64_t kTrackTooLongCode = 2;
     std::span<const std::uint64_t> tickDeltas,
     std::string_view markerName,
     std::optional<std::string_view> firstMarkerName);
+
+/// As above, with a text of its own for every marker: marker i carries `markerNames[i]` (the
+/// first is normally "VIDEO START"). With the texts of the overload above the bytes are the same.
+///
+/// Fails, writing nothing, as above (kTextTooLongCode for any text longer than kMaxTextBytes
+/// bytes), and with kNameCountCode when there are not exactly as many texts as tick deltas.
+[[nodiscard]] core::Expected<std::vector<std::uint8_t>> assembleMarkerFile(
+    std::span<const std::uint64_t> tickDeltas, std::span<const std::string> markerNames);
 
 }  // namespace kestrin::midi

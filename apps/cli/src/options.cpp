@@ -1,0 +1,207 @@
+#include "options.hpp"
+
+#include <kestrin/app/export_rules.hpp>
+#include <kestrin/timecode/timecode.hpp>
+
+#include <charconv>
+#include <cmath>
+#include <utility>
+
+namespace kestrin::cli {
+
+namespace {
+
+core::Error usage(std::string message)
+{
+    return {"usage", 2, std::move(message)};
+}
+
+std::optional<double> parseNumber(std::string_view text)
+{
+    double value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc{} || end != text.data() + text.size() || !std::isfinite(value)) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+// "25", "29.97" or "30000/1001", snapped to a supported rate.
+std::optional<float> parseRate(std::string_view text)
+{
+    const std::size_t slash = text.find('/');
+    std::optional<double> rate = parseNumber(text.substr(0, slash));
+    if (rate && slash != std::string_view::npos) {
+        const std::optional<double> divisor = parseNumber(text.substr(slash + 1));
+        rate = divisor && *divisor > 0 ? std::optional(*rate / *divisor) : std::nullopt;
+    }
+    if (!rate || *rate <= 0 || *rate > 1000) {
+        return std::nullopt;
+    }
+    return app::snapFrameRate(static_cast<float>(*rate));
+}
+
+// The digits of a timecode option: ASCII digits only, one to eight of them.
+std::optional<std::string> timecodeDigits(std::string_view text)
+{
+    std::string digits = timecode::numericOnly(text);
+    if (digits.empty() || digits.size() > timecode::kTimecodeDigitCount) {
+        return std::nullopt;
+    }
+    for (const char c : digits) {
+        if (c < '0' || c > '9') {
+            return std::nullopt;
+        }
+    }
+    return digits;
+}
+
+}  // namespace
+
+bool isTimecodeAt(std::string_view digits, float rate, bool dropFrame)
+{
+    return timecode::isValidTimecodeDigits(
+        digits,
+        dropFrame ? timecode::FrameCounting::DropFrame : timecode::FrameCounting::NonDrop,
+        rate);
+}
+
+core::Expected<Options> parseOptions(std::span<const std::string_view> args)
+{
+    Options options;
+    struct TimecodeOption
+    {
+        std::string_view name;
+        std::string_view text;
+    };
+    std::vector<TimecodeOption> timecodes;
+    bool onlyVideos = false;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        std::string_view arg = args[i];
+        if (onlyVideos || arg == "-" || !arg.starts_with('-')) {
+            options.videos.emplace_back(arg);
+            continue;
+        }
+        if (arg == "--") {
+            onlyVideos = true;
+            continue;
+        }
+        // --name=value is taken as --name value.
+        std::optional<std::string_view> inlineValue;
+        if (const std::size_t equals = arg.find('='); arg.starts_with("--") && equals != arg.npos) {
+            inlineValue = arg.substr(equals + 1);
+            arg = arg.substr(0, equals);
+        }
+        auto value = [&]() -> std::optional<std::string_view> {
+            if (inlineValue) {
+                return std::exchange(inlineValue, std::nullopt);
+            }
+            if (i + 1 < args.size()) {
+                return args[++i];
+            }
+            return std::nullopt;
+        };
+        const bool takesValue = arg == "--session-start" || arg == "--video-start"
+                                || arg == "--rate" || arg == "-o" || arg == "--output"
+                                || arg == "--marker-name";
+        std::optional<std::string_view> given;
+        if (takesValue) {
+            given = value();
+            if (!given) {
+                return usage(std::string(arg) + " needs a value");
+            }
+        } else if (inlineValue) {
+            return usage(std::string(arg) + " takes no value");
+        }
+
+        if (arg == "--session-start" || arg == "--video-start") {
+            timecodes.push_back({arg, *given});
+        } else if (arg == "--rate") {
+            options.rate = parseRate(*given);
+            if (!options.rate) {
+                return usage("--rate: not a frame rate: " + std::string(*given));
+            }
+        } else if (arg == "-o" || arg == "--output") {
+            options.output = std::filesystem::path(*given);
+        } else if (arg == "--marker-name") {
+            options.markerName = *given;
+        } else if (arg == "--drop-frame") {
+            options.dropFrame = true;
+        } else if (arg == "--non-drop-frame") {
+            options.dropFrame = false;
+        } else if (arg == "--no-midi") {
+            options.writeMIDI = false;
+        } else if (arg == "--json") {
+            options.json = true;
+        } else if (arg == "-q" || arg == "--quiet") {
+            options.quiet = true;
+        } else if (arg == "-v" || arg == "--verbose") {
+            options.verbose = true;
+        } else if (arg == "-h" || arg == "--help") {
+            options.help = true;
+        } else if (arg == "--version") {
+            options.version = true;
+        } else {
+            return usage("unknown option " + std::string(arg));
+        }
+    }
+
+    // Checked against the rate in force: --rate when given; otherwise only what holds at every
+    // rate, the rest once each video's rate is known.
+    const float rate = options.rate.value_or(60.0F);
+    const bool dropFrame =
+        options.rate && app::effectiveDropFrame(rate, {options.dropFrame, std::nullopt});
+    for (const TimecodeOption& option : timecodes) {
+        const std::optional<std::string> digits = timecodeDigits(option.text);
+        if (!digits || !isTimecodeAt(*digits, rate, dropFrame)) {
+            return usage(std::string(option.name)
+                         + ": not a valid timecode: " + std::string(option.text));
+        }
+        (option.name == "--session-start" ? options.sessionStartDigits : options.videoStartDigits) =
+            *digits;
+    }
+
+    if (options.help || options.version) {
+        return options;
+    }
+    if (options.videos.empty()) {
+        return usage("no video given");
+    }
+    if (options.output && options.videos.size() > 1) {
+        return usage("--output needs exactly one video");
+    }
+    if (options.output && !options.writeMIDI) {
+        return usage("--output and --no-midi exclude each other");
+    }
+    return options;
+}
+
+std::string helpText()
+{
+    return R"(Usage: kestrin-scan [options] VIDEO...
+
+Finds the picture cuts of each video and writes them as markers to <name>_Markers.mid beside it.
+
+Options:
+  --session-start TC   timecode of the session's start (default 00:00:00:00)
+  --video-start TC     timecode where the video starts (default 01:00:00:00)
+                       TC is HH:MM:SS:FF, HH:MM:SS;FF or plain digits
+  --rate R             frame rate instead of the file's (25, 29.97, 30000/1001, ...)
+  --drop-frame         count drop-frame at 29.97 and 59.94, whatever the file says
+  --non-drop-frame     count non-drop at 29.97 and 59.94, whatever the file says
+  -o, --output PATH    where to write the MIDI file (one video only)
+  --no-midi            scan only, write no MIDI file
+  --marker-name TEXT   text of the cut markers; {n} is the cut's number, {tc} its
+                       timecode (default: a single space)
+  --json               print one JSON object per video
+  -q, --quiet          no progress bar, no line per successful video
+  -v, --verbose        print the scan's diagnostics to standard error
+  -h, --help           print this help
+  --version            print the version
+
+Exit status: 0 when every video succeeded, 1 when any failed, 2 on a usage error,
+130 when interrupted.
+)";
+}
+
+}  // namespace kestrin::cli

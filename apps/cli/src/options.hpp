@@ -1,0 +1,44 @@
+#pragma once
+
+#include <kestrin/core/error.hpp>
+
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kestrin::cli {
+
+/// What the command line asks for.
+struct Options
+{
+    std::vector<std::filesystem::path> videos;
+    /// Digit strings (numeric characters only, at most eight), as the export takes them.
+    std::string sessionStartDigits = "00000000";
+    std::string videoStartDigits = "01000000";
+    std::optional<float> rate;      ///< --rate, snapped; absent: the file's rate
+    std::optional<bool> dropFrame;  ///< --drop-frame / --non-drop-frame
+    std::optional<std::filesystem::path> output;
+    bool writeMIDI = true;
+    std::string markerName = " ";
+    bool json = false;
+    bool quiet = false;
+    bool verbose = false;
+    bool help = false;
+    bool version = false;
+};
+
+/// The options in `args` (without the program name). A usage error comes back as an Error of
+/// domain "usage" whose description is the one-line message (naming the option at fault).
+[[nodiscard]] core::Expected<Options> parseOptions(std::span<const std::string_view> args);
+
+/// The text --help prints.
+[[nodiscard]] std::string helpText();
+
+/// Whether the timecode text of --session-start or --video-start (its digits, see Options) names
+/// a timecode at `rate` with `dropFrame` counting.
+[[nodiscard]] bool isTimecodeAt(std::string_view digits, float rate, bool dropFrame);
+
+}  // namespace kestrin::cli

@@ -1,0 +1,91 @@
+#pragma once
+
+#include "options.hpp"
+
+#include <kestrin/core/error.hpp>
+#include <kestrin/core/scan_mode.hpp>
+#include <kestrin/media/asset.hpp>
+#include <kestrin/scan/video_scan_service.hpp>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kestrin::cli {
+
+/// One cut as the tool reports it.
+struct CutReport
+{
+    std::int64_t frameIndex = 0;
+    double seconds = 0;
+    std::string timecode;  ///< on the session timeline: Video Start + the cut's frame
+};
+
+/// The outcome of one video: either an error or what was found (and written).
+struct VideoReport
+{
+    std::filesystem::path file;
+    std::optional<core::Error> error;
+    core::ScanMode mode = core::ScanMode::trustedKeyframes;
+    float nominalFPS = 0;
+    bool dropFrame = false;
+    std::vector<CutReport> cuts;
+    std::optional<std::filesystem::path> midi;  ///< the file written
+};
+
+/// Lets another thread stop the run: stops the scan in progress and every later one.
+class Interruption
+{
+public:
+    /// Marks the run interrupted and asks the current scan, if any, to stop.
+    void interrupt();
+    [[nodiscard]] bool interrupted() const;
+
+    /// The scan in progress, from attach to detach (by the thread that runs it).
+    void attach(scan::ScanHandle& handle);
+    void detach();
+
+private:
+    mutable std::mutex mutex_;
+    bool interrupted_ = false;
+    scan::ScanHandle* current_ = nullptr;
+};
+
+/// Scans videos and writes their MIDI files as `options` say.
+class VideoRunner
+{
+public:
+    /// Called with the fraction done of the current video (0 to 1).
+    using Progress = std::function<void(double)>;
+
+    VideoRunner(const Options& options,
+                std::shared_ptr<const media::AssetOpener> opener,
+                core::Log log,
+                Interruption& interruption);
+
+    /// Scans `video` and, unless the options say otherwise, writes its MIDI file atomically
+    /// (nothing when the scan fails or is interrupted).
+    [[nodiscard]] VideoReport run(const std::filesystem::path& video,
+                                  const Progress& progress = {}) const;
+
+private:
+    const Options& options_;
+    std::shared_ptr<const media::AssetOpener> opener_;
+    scan::VideoScanService service_;
+    Interruption& interruption_;
+};
+
+/// Where the MIDI file of `video` goes by default: `<name>_Markers.mid` beside it.
+[[nodiscard]] std::filesystem::path defaultMIDIPath(const std::filesystem::path& video);
+
+/// The marker text of cut `number` (from 1) at `timecode`: `pattern` with every {n} and {tc}
+/// replaced.
+[[nodiscard]] std::string markerText(std::string_view pattern,
+                                     std::int64_t number,
+                                     std::string_view timecode);
+
+}  // namespace kestrin::cli

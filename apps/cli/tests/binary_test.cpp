@@ -1,0 +1,254 @@
+// Runs the built kestrin-scan on the test clips, copied into a fresh directory per test.
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Outcome
+{
+    int status = -1;  ///< the exit status, or 128 + the signal that ended it
+    std::string out;
+    std::string err;
+};
+
+// Runs kestrin-scan with `args`; `onError` sees the standard error read so far, with the pid.
+Outcome scan(const std::vector<std::string>& args,
+             const std::function<void(pid_t, const std::string&)>& onError = {})
+{
+    std::vector<char*> argv = {const_cast<char*>(KESTRIN_SCAN_BINARY)};
+    for (const std::string& arg : args) {
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    }
+    argv.push_back(nullptr);
+    int out[2];
+    int err[2];
+    if (pipe(out) != 0 || pipe(err) != 0) {
+        return {};
+    }
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(out[1], STDOUT_FILENO);
+        dup2(err[1], STDERR_FILENO);
+        close(out[0]);
+        close(err[0]);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(out[1]);
+    close(err[1]);
+    Outcome outcome;
+    pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+    std::string* texts[2] = {&outcome.out, &outcome.err};
+    for (int open = 2; open > 0;) {
+        poll(fds, 2, -1);
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || fds[i].revents == 0) {
+                continue;
+            }
+            char buffer[4096];
+            const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
+            if (n <= 0) {
+                close(fds[i].fd);
+                fds[i].fd = -1;
+                --open;
+            } else {
+                texts[i]->append(buffer, static_cast<std::size_t>(n));
+                if (i == 1 && onError) {
+                    onError(pid, outcome.err);
+                }
+            }
+        }
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return outcome;
+}
+
+std::vector<std::string> lines(const std::string& text)
+{
+    std::vector<std::string> result;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        result.push_back(line);
+    }
+    return result;
+}
+
+std::string contents(const fs::path& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+std::vector<fs::path> midiFiles(const fs::path& dir)
+{
+    std::vector<fs::path> found;
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        if (entry.path().extension() != ".mp4" && entry.path().extension() != ".bin"
+            && entry.path().extension() != ".m4a") {
+            found.push_back(entry.path().filename());
+        }
+    }
+    return found;
+}
+
+class CliBinary : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::string name = (fs::temp_directory_path() / "kestrin-cli-XXXXXX").string();
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        dir_ = name;
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    std::string clip(const std::string& name) const
+    {
+        fs::copy_file(fs::path(KESTRIN_CLIPS_DIR) / name, dir_ / name);
+        return (dir_ / name).string();
+    }
+
+    static void ffmpeg(const std::string& args)
+    {
+        ASSERT_EQ(std::system(("ffmpeg -nostdin -hide_banner -loglevel error -y " + args).c_str()),
+                  0);
+    }
+
+    fs::path dir_;
+};
+
+TEST_F(CliBinary, WorkedExampleMatchesTheGoldenFile)
+{
+    // Two shots of 100 and 50 frames at 25 fps, keyframes at 0 and at the cut.
+    const std::string video = (dir_ / "worked.mp4").string();
+    ffmpeg(
+        "-filter_complex \"testsrc2=s=320x180:r=25,trim=end_frame=100,setpts=PTS-STARTPTS[a];"
+        "smptebars=s=320x180:r=25,trim=end_frame=50,setpts=PTS-STARTPTS[b];"
+        "[a][b]concat=n=2:v=1:a=0,format=yuv420p[v]\" -map [v] -c:v libx264 -preset veryfast "
+        "-x264-params keyint=10000:min-keyint=1:scenecut=0 "
+        "-force_key_frames \"expr:eq(n,0)+eq(n,100)\" "
+        + video);
+    const Outcome run =
+        scan({"--session-start", "00:00:00:00", "--video-start", "00:00:10:00", video});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_TRUE(run.out.starts_with(video + ": 1 cut ("));
+    EXPECT_TRUE(run.out.ends_with(") -> " + (dir_ / "worked_Markers.mid").string() + "\n"));
+    EXPECT_EQ(contents(dir_ / "worked_Markers.mid"), contents(KESTRIN_GOLDEN_MIDI));
+
+    // A text per cut: the cut's number and its timecode (10 s + 100 frames).
+    const fs::path named = dir_ / "named.mid";
+    ASSERT_EQ(scan({"-q",
+                    "--video-start",
+                    "1000",
+                    "--marker-name",
+                    "{n}@{tc}",
+                    "-o",
+                    named.string(),
+                    video})
+                  .status,
+              0);
+    EXPECT_NE(contents(named).find("1@00:00:14:00"), std::string::npos);
+}
+
+TEST_F(CliBinary, JsonListsTheCuts)
+{
+    const std::string video = clip("h264-cuts.mp4");
+    const Outcome run = scan({"--json", "--no-midi", video});
+    ASSERT_EQ(run.status, 0) << run.err;
+    ASSERT_EQ(lines(run.out).size(), 1U) << run.out;
+    EXPECT_NE(run.out.find(R"("mode":"trustedKeyframes","nominalFPS":25,"dropFrame":false)"),
+              std::string::npos)
+        << run.out;
+    EXPECT_NE(run.out.find(R"("midi":null})"), std::string::npos) << run.out;
+
+    std::string expected;
+    for (const std::string& line : lines(contents(fs::path(KESTRIN_CLIPS_DIR) / "cuts.txt"))) {
+        if (line.starts_with("h264-cuts.mp4 25 ")) {
+            expected = line.substr(17);
+        }
+    }
+    std::string found;
+    const std::regex frame(R"("frameIndex":(\d+))");
+    for (std::sregex_iterator it(run.out.begin(), run.out.end(), frame), end; it != end; ++it) {
+        found += (found.empty() ? "" : " ") + (*it)[1].str();
+    }
+    EXPECT_EQ(found, expected);
+    EXPECT_TRUE(midiFiles(dir_).empty());
+}
+
+TEST_F(CliBinary, BadInputsFailAloneAndLeaveNoFile)
+{
+    const std::vector<std::string> bad = {(dir_ / "missing.mp4").string(),
+                                          clip("empty.mp4"),
+                                          clip("random.bin"),
+                                          clip("truncated.mp4"),
+                                          clip("audio.m4a")};
+    std::vector<std::string> args = bad;
+    args.insert(args.begin() + 2, clip("h264-cuts.mp4"));
+    const Outcome run = scan(args);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(lines(run.err).size(), bad.size()) << run.err;
+    for (const std::string& file : bad) {
+        EXPECT_NE(run.err.find("kestrin-scan: " + file + ": "), std::string::npos) << file;
+    }
+    EXPECT_NE(run.err.find("No such file or directory"), std::string::npos);
+    EXPECT_NE(run.err.find("The file has no video track."), std::string::npos);
+    EXPECT_EQ(midiFiles(dir_), std::vector<fs::path>{"h264-cuts_Markers.mid"});
+
+    // An output that cannot be written is a failure of that video, with no file left.
+    const Outcome unwritable = scan({"-o", (dir_ / "no-dir" / "x.mid").string(), args[2]});
+    EXPECT_EQ(unwritable.status, 1);
+    EXPECT_EQ(lines(unwritable.err).size(), 1U) << unwritable.err;
+}
+
+TEST_F(CliBinary, UsageErrorsExitWithTwo)
+{
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {}, {"--frobnicate", "a.mp4"}, {"--video-start", "25:00:00:00", "a.mp4"}}) {
+        const Outcome run = scan(args);
+        EXPECT_EQ(run.status, 2);
+        EXPECT_NE(run.err.find("--help"), std::string::npos) << run.err;
+        EXPECT_TRUE(run.out.empty());
+    }
+    EXPECT_TRUE(scan({"--version"}).out.starts_with("kestrin-scan "));
+}
+
+TEST_F(CliBinary, InterruptStopsTheScanAndWritesNothing)
+{
+    // A long clip whose keyframes miss the cuts, so the whole file is decoded.
+    const std::string source = clip("h264-gop12.mp4");
+    const std::string video = (dir_ / "long.mp4").string();
+    ffmpeg("-stream_loop 20 -i " + source + " -c copy " + video);
+    fs::remove(source);
+
+    bool sent = false;
+    const Outcome run = scan({"-v", video}, [&](pid_t pid, const std::string& err) {
+        if (!sent && err.find("trusted?") != std::string::npos) {
+            sent = kill(pid, SIGINT) == 0;
+        }
+    });
+    ASSERT_TRUE(sent) << run.err;
+    EXPECT_EQ(run.status, 130) << run.err;
+    EXPECT_TRUE(midiFiles(dir_).empty());
+}
+
+}  // namespace
