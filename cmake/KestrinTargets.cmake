@@ -25,15 +25,19 @@ function(kestrin_add_library name)
   endif()
 endfunction()
 
-# kestrin_add_test(<name> SOURCES <src>... [LIBS <target>...])
+# kestrin_add_test(<name> SOURCES <src>... [LIBS <target>...] [DEFINITIONS <def>...]
+#                  [PROPERTIES <property> <value>...])
 #
-# Makes the GoogleTest binary <name>_tests and registers each of its tests with CTest.
+# Makes the GoogleTest binary <name>_tests and registers each of its tests with CTest, with the
+# given compile definitions and extra test properties.
 function(kestrin_add_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBS")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBS;DEFINITIONS;PROPERTIES")
   set(target ${name}_tests)
   add_executable(${target} ${arg_SOURCES})
   target_link_libraries(${target} PRIVATE ${arg_LIBS} GTest::gtest GTest::gmock GTest::gtest_main
                                           kestrin::warnings)
+  target_compile_definitions(${target} PRIVATE ${arg_DEFINITIONS})
   gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST
-                       PROPERTIES ENVIRONMENT "KESTRIN_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
+                       PROPERTIES ENVIRONMENT "KESTRIN_SOURCE_DIR=${PROJECT_SOURCE_DIR}"
+                                  ${arg_PROPERTIES})
 endfunction()

@@ -14,27 +14,7 @@
 namespace kestrin::scan {
 namespace {
 
-// The cut frames cuts.txt lists for `clip`.
-std::vector<std::int64_t> cutsOf(const std::string& clip)
-{
-    std::ifstream manifest(std::string(KESTRIN_CLIPS_DIR) + "/cuts.txt");
-    std::string line;
-    while (std::getline(manifest, line)) {
-        std::istringstream fields(line);
-        std::string name;
-        std::string rate;
-        fields >> name >> rate;
-        if (name == clip) {
-            std::vector<std::int64_t> cuts;
-            for (std::int64_t frame = 0; fields >> frame;) {
-                cuts.push_back(frame);
-            }
-            return cuts;
-        }
-    }
-    ADD_FAILURE() << clip << " is not in cuts.txt";
-    return {};
-}
+using media_ffmpeg::testing::cutsOf;
 
 TEST(EditDetectionOnClips, FindsTheCutsOfEveryClipAtTheirExactFrames)
 {

@@ -17,6 +17,8 @@
 namespace kestrin::scan {
 namespace {
 
+using media_ffmpeg::testing::cutsOf;
+
 using media_ffmpeg::testing::firstVideoTrack;
 using media_ffmpeg::testing::openClip;
 
@@ -27,28 +29,6 @@ struct CollectedLog
         lines.emplace_back(line);
     }};
 };
-
-// The cut frames cuts.txt lists for `clip`.
-std::vector<std::int64_t> cutsOf(const std::string& clip)
-{
-    std::ifstream manifest(std::string(KESTRIN_CLIPS_DIR) + "/cuts.txt");
-    std::string line;
-    while (std::getline(manifest, line)) {
-        std::istringstream fields(line);
-        std::string name;
-        std::string rate;
-        fields >> name >> rate;
-        if (name == clip) {
-            std::vector<std::int64_t> cuts;
-            for (std::int64_t frame = 0; fields >> frame;) {
-                cuts.push_back(frame);
-            }
-            return cuts;
-        }
-    }
-    ADD_FAILURE() << clip << " is not in cuts.txt";
-    return {};
-}
 
 TEST(KeyframeTrustOnClips, VerdictsFollowHowTheKeyframesWereMade)
 {

@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <iterator>
 #include <memory>
 #include <sstream>
@@ -15,6 +16,27 @@ namespace kestrin::media_ffmpeg::testing {
 std::filesystem::path clipPath(const std::string& name)
 {
     return std::filesystem::path(KESTRIN_CLIPS_DIR) / name;
+}
+
+std::vector<std::int64_t> cutsOf(const std::string& clip)
+{
+    std::ifstream manifest(clipPath("cuts.txt"));
+    std::string line;
+    while (std::getline(manifest, line)) {
+        std::istringstream fields(line);
+        std::string name;
+        std::string rate;
+        fields >> name >> rate;
+        if (name == clip) {
+            std::vector<std::int64_t> cuts;
+            for (std::int64_t frame = 0; fields >> frame;) {
+                cuts.push_back(frame);
+            }
+            return cuts;
+        }
+    }
+    ADD_FAILURE() << clip << " is not in cuts.txt";
+    return {};
 }
 
 media::AssetPointer openClip(const std::string& name)

@@ -19,6 +19,10 @@ inline void PrintTo(const MediaTime& time, std::ostream* out)
 
 namespace kestrin::media_ffmpeg::testing {
 
+/// The cut frames cuts.txt lists for `clip` (presentation order, from 0); fails the test when the
+/// clip is not listed.
+std::vector<std::int64_t> cutsOf(const std::string& clip);
+
 /// The path of a clip made by tests/clips/make-clips.
 std::filesystem::path clipPath(const std::string& name);
 
