@@ -85,13 +85,12 @@ bool hasEightBitLumaPlane(AVPixelFormat format)
     }
 }
 
-// Full-range luma 0..255 to video range 16..235.
+// Full-range luma 0..255 to video range 16..235, as a table.
 std::array<std::uint8_t, 256> makeVideoRangeTable()
 {
     std::array<std::uint8_t, 256> table{};
-    for (int value = 0; value < 256; ++value) {
-        table[static_cast<std::size_t>(value)] =
-            static_cast<std::uint8_t>(16 + (value * 219 + 127) / 255);
+    for (std::size_t value = 0; value < table.size(); ++value) {
+        table[value] = media::videoRangeLuma(static_cast<std::uint8_t>(value));
     }
     return table;
 }
@@ -275,6 +274,13 @@ private:
                 av_packet_unref(packet_.get());
                 continue;
             }
+            if (settings_.timeRange) {
+                // Frames shown before the range are decoded only as far as later frames need
+                // them: those no other frame refers to are skipped, which after a seek is much of
+                // the lead-in from the sync sample (every non-reference B-frame, for one).
+                decoder_->skip_frame =
+                    isShownBeforeRange(*packet_) ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
+            }
             const int sent = avcodec_send_packet(decoder_.get(), packet_.get());
             av_packet_unref(packet_.get());
             if (sent < 0 && sent != errorAgain()) {
@@ -331,6 +337,23 @@ private:
         }
     }
 
+    // Whether the frame in `packet` is shown wholly before the range starts (false when its time
+    // is unknown).
+    [[nodiscard]] bool isShownBeforeRange(const AVPacket& packet) const
+    {
+        if (packet.pts == AV_NOPTS_VALUE) {
+            return false;
+        }
+        const core::MediaTime time = source_->timing.timeOf(packet.pts);
+        core::MediaTime duration = source_->timing.frameDuration();
+        if (!duration.isNumeric()) {
+            duration = packet.duration > 0 ? core::MediaTime::make(
+                           packet.duration * stream_->time_base.num, stream_->time_base.den)
+                                           : core::MediaTime::zero();
+        }
+        return time.isNumeric() && !(time + duration > rangeStart_);
+    }
+
     [[nodiscard]] core::MediaTime durationOfFrame() const
     {
         const core::MediaTime grid = source_->timing.frameDuration();
@@ -348,6 +371,7 @@ private:
     {
         media::LumaFrame out;
         out.presentationTime = time;
+        out.duration = durationOfFrame();
         out.width = settings_.width;
         out.height = settings_.height;
         const auto decoded = static_cast<AVPixelFormat>(frame_->format);
@@ -357,9 +381,11 @@ private:
             || (isGray(format) && frame_->color_range == AVCOL_RANGE_UNSPECIFIED);
         const bool wantsFullRange = settings_.range == media::LumaRange::full;
 
+        // Video range is always made from the full-range plane (see below), even from a source
+        // in video range, so that it is the same function of the picture as for every reader.
         if (hasEightBitLumaPlane(format) && frame_->width == settings_.width
-            && frame_->height == settings_.height && frame_->linesize[0] > 0
-            && isFullRange == wantsFullRange) {
+            && frame_->height == settings_.height && frame_->linesize[0] > 0 && isFullRange
+            && wantsFullRange) {
             out.data = frame_->data[0];
             out.bytesPerRow = frame_->linesize[0];
             return out;

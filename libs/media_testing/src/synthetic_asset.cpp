@@ -165,6 +165,7 @@ public:
                                       : sample.presentationTime + fallbackDuration;
             if (overlapsRange(sample.presentationTime, end)) {
                 frames_.push_back(sample);
+                durations_.push_back(end - sample.presentationTime);
             }
         }
     }
@@ -204,11 +205,13 @@ public:
             status_ = ReaderStatus::completed;
             return std::nullopt;
         }
+        const MediaTime duration = durations_[next_];
         const SyntheticSample& sample = frames_[next_++];
         ++delivered_;
         counters_->framesDelivered.fetch_add(1, std::memory_order_relaxed);
         LumaFrame frame;
         frame.presentationTime = sample.presentationTime;
+        frame.duration = duration;
         frame.width = settings_.width;
         frame.height = settings_.height;
         frame.bytesPerRow = settings_.width;
@@ -247,7 +250,7 @@ private:
                 const double v = (y + 0.5) / height;
                 std::uint8_t luma = picture(u, v);
                 if (settings_.range == media::LumaRange::video) {
-                    luma = static_cast<std::uint8_t>(std::lround(16.0 + luma * 219.0 / 255.0));
+                    luma = media::videoRangeLuma(luma);
                 }
                 plane_[static_cast<std::size_t>(y) * static_cast<std::size_t>(width)
                        + static_cast<std::size_t>(x)] = luma;
@@ -260,6 +263,7 @@ private:
     std::stop_token stopToken_;
     std::shared_ptr<detail::SyntheticCounters> counters_;
     std::vector<SyntheticSample> frames_;  // in presentation order, inside the range
+    std::vector<MediaTime> durations_;     // how long each of frames_ is shown
     std::vector<std::uint8_t> plane_;
     std::size_t next_ = 0;
     std::int64_t delivered_ = 0;

@@ -1,4 +1,5 @@
 #include <kestrin/scan/edit_detection.hpp>
+#include <kestrin/scan/scan_error.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -218,10 +219,28 @@ core::Expected<std::vector<core::EditMarker>> detectEditsByDecoding(
         candidateFrames.push_back(candidate.frameIndex);
     }
 
+    // The pass has seen every frame the refinements would decode: answer them from its timeline
+    // rather than decoding their neighbourhoods again (the answers are the same).
+    std::optional<FrameRateRational> timelineRate;
+    if (!options.refine && pass.timeline.isUsable()) {
+        if (auto exactRate = frameRateRational(track); exactRate) {
+            timelineRate = *exactRate;
+        }
+    }
     const Refiner& refine = options.refine;
-    const CandidateRefiner refineCandidate = [&](std::int64_t frame, std::stop_token token) {
-        return refine ? refine(frame, theAsset, track, std::move(token))
-                      : refineAround(frame, theAsset, track, std::move(token));
+    const CandidateRefiner refineCandidate =
+        [&](std::int64_t frame,
+            std::stop_token token) -> core::Expected<std::optional<core::EditMarker>> {
+        if (refine) {
+            return refine(frame, theAsset, track, std::move(token));
+        }
+        if (timelineRate) {
+            if (token.stop_requested()) {
+                return scan_error::cancelled();
+            }
+            return refineFromTimeline(frame, pass.timeline, *timelineRate, duration->seconds());
+        }
+        return refineAround(frame, theAsset, track, std::move(token));
     };
     const int width =
         refineWidthFor(options.processorCount.value_or(std::thread::hardware_concurrency()));

@@ -61,6 +61,8 @@ SignaturePassState::SignaturePassState(std::int64_t stride)
     : sampleStride(std::max<std::int64_t>(stride, 1))
     , current(kSignatureWidth, kSignatureHeight)
     , previous(kSignatureWidth, kSignatureHeight)
+    , videoCurrent(kSignatureWidth, kSignatureHeight)
+    , videoPrevious(kSignatureWidth, kSignatureHeight)
 {
     scoresByFrame.reserve(kScoreCapacity);
     scoresInOrder.reserve(kScoreCapacity);
@@ -119,8 +121,23 @@ core::Status scoreSignatures(media::FrameReader& reader,
                 reportProgress(progress);
             }
         }
-        if (state.decodedCount % stride == 0) {
-            extractLumaPlane(*frame, state.current);
+        extractLumaPlane(*frame, state.videoCurrent);
+        const bool isSampled = state.decodedCount % stride == 0;
+        if (isSampled) {
+            std::copy(state.videoCurrent.bytes().begin(),
+                      state.videoCurrent.bytes().end(),
+                      state.current.bytes().begin());
+        }
+        for (std::uint8_t& value : state.videoCurrent.bytes()) {
+            value = media::videoRangeLuma(value);
+        }
+        state.timeline.append({frame->presentationTime,
+                               frame->duration,
+                               state.decodedCount > 0 ? std::optional(
+                                   meanAbsoluteDifference(state.videoPrevious, state.videoCurrent))
+                                                      : std::nullopt});
+        std::swap(state.videoCurrent, state.videoPrevious);
+        if (isSampled) {
             applySignatureToneCurve(state.current);
             if (state.hasPrevious) {
                 const float score = blockDifferenceScore(state.current, state.previous);

@@ -130,16 +130,7 @@ core::Expected<std::optional<core::EditMarker>> refineAround(std::int64_t candid
         return std::optional<core::EditMarker>{};
     }
 
-    const double framesPerSecond =
-        static_cast<double>(rate->numerator) / static_cast<double>(rate->denominator);
-    const double centreSeconds = static_cast<double>(candidateFrame) / framesPerSecond;
-    const double halfSeconds = halfWidth / framesPerSecond;
-    const double startSeconds = std::max(centreSeconds - halfSeconds, 0.0);
-    // A duration that is not a number leaves the end where the half-width puts it.
-    const double endSeconds = std::min(centreSeconds + halfSeconds, duration->seconds());
-    const auto range = core::MediaTimeRange::fromStartEnd(
-        core::MediaTime::fromSeconds(startSeconds, kRefineTimescale),
-        core::MediaTime::fromSeconds(endSeconds, kRefineTimescale));
+    const auto range = refinementRange(candidateFrame, *rate, duration->seconds(), halfWidth);
 
     auto made = makeRefinementReader(asset, track, range, width, height, stopToken);
     if (!made) {
@@ -189,6 +180,58 @@ core::Expected<std::optional<core::EditMarker>> refineAround(std::int64_t candid
     }
     return std::optional<core::EditMarker>{
         core::EditMarker{frameIndexAt(bestTime, *rate), bestTime, std::nullopt}};
+}
+
+core::MediaTimeRange refinementRange(std::int64_t candidateFrame,
+                                     FrameRateRational rate,
+                                     double durationSeconds,
+                                     int halfWidth)
+{
+    const double framesPerSecond =
+        static_cast<double>(rate.numerator) / static_cast<double>(rate.denominator);
+    const double centreSeconds = static_cast<double>(candidateFrame) / framesPerSecond;
+    const double halfSeconds = halfWidth / framesPerSecond;
+    const double startSeconds = std::max(centreSeconds - halfSeconds, 0.0);
+    // A duration that is not a number leaves the end where the half-width puts it.
+    const double endSeconds = std::min(centreSeconds + halfSeconds, durationSeconds);
+    return core::MediaTimeRange::fromStartEnd(
+        core::MediaTime::fromSeconds(startSeconds, kRefineTimescale),
+        core::MediaTime::fromSeconds(endSeconds, kRefineTimescale));
+}
+
+std::optional<core::EditMarker> refineFromTimeline(std::int64_t candidateFrame,
+                                                   const FrameTimeline& timeline,
+                                                   FrameRateRational rate,
+                                                   double durationSeconds,
+                                                   int halfWidth)
+{
+    if (rate.numerator <= 0 || rate.denominator <= 0) {
+        return std::nullopt;
+    }
+    const core::MediaTimeRange range =
+        refinementRange(candidateFrame, rate, durationSeconds, halfWidth);
+    const core::MediaTime rangeStart = range.start;
+    const core::MediaTime rangeEnd = range.end();
+    const std::vector<TimelineFrame>& frames = timeline.frames();
+
+    // The first frame still shown at the range's start (the ends never decrease).
+    auto frame = std::partition_point(frames.begin(), frames.end(), [&](const TimelineFrame& f) {
+        return !(f.presentationTime + f.duration > rangeStart);
+    });
+    float best = -1.0F;
+    core::MediaTime bestTime;
+    // The first frame in range has no neighbour inside it: its difference is not compared.
+    for (bool isFirst = true; frame != frames.end() && frame->presentationTime < rangeEnd;
+         ++frame, isFirst = false) {
+        if (!isFirst && frame->differenceToPrevious && *frame->differenceToPrevious > best) {
+            best = *frame->differenceToPrevious;
+            bestTime = frame->presentationTime;
+        }
+    }
+    if (best < 0.0F) {
+        return std::nullopt;
+    }
+    return core::EditMarker{frameIndexAt(bestTime, rate), bestTime, std::nullopt};
 }
 
 int refineWidthFor(unsigned processors)

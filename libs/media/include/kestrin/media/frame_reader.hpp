@@ -12,6 +12,14 @@ namespace kestrin::media {
 /// The range of the luma samples a reader delivers: full (0-255) or video (16-235).
 enum class LumaRange : std::uint8_t { full, video };
 
+/// The video-range value of a full-range luma value: 16 + 219 x value / 255, rounded to nearest.
+/// Every reader makes its video-range planes with exactly this mapping from the full-range plane
+/// of the same frame, so a caller holding one can compute the other without decoding again.
+[[nodiscard]] constexpr std::uint8_t videoRangeLuma(std::uint8_t fullRangeLuma)
+{
+    return static_cast<std::uint8_t>(16 + (fullRangeLuma * 219 + 127) / 255);
+}
+
 /// What a frame reader delivers and from which stretch of the track.
 struct FrameReaderSettings
 {
@@ -36,6 +44,10 @@ struct LumaFrame
     std::ptrdiff_t bytesPerRow = 0;
     /// The first row; null for a sample that carries no picture.
     const std::uint8_t* data = nullptr;
+    /// How long the frame is shown, as the reader counts it when it decides which frames overlap
+    /// a time range (a frame overlaps when it starts before the range ends and
+    /// presentationTime + duration lies after the range's start); zero when unknown.
+    core::MediaTime duration = core::MediaTime::zero();
 
     [[nodiscard]] bool hasImage() const { return data != nullptr; }
 };

@@ -70,7 +70,7 @@ struct Candidate
 [[nodiscard]] std::vector<core::EditMarker> mergeNearbyMarkers(
     std::vector<core::EditMarker> markers, std::int64_t distance);
 
-/// Refines one candidate of `asset`'s `track`; refineAround() unless a test puts a fake in.
+/// Refines one candidate of `asset`'s `track`, in place of the default (see DetectionOptions).
 /// Called on worker threads, several at once.
 using Refiner =
     std::function<core::Expected<std::optional<core::EditMarker>>(std::int64_t candidateFrame,
@@ -84,7 +84,8 @@ struct DetectionOptions
     /// Processors of the machine, which set how many refinements run at once (refineWidthFor);
     /// absent: std::thread::hardware_concurrency().
     std::optional<unsigned> processorCount;
-    /// Absent: refineAround() with its default half-width and size.
+    /// Absent: refineFromTimeline() on the signature pass's timeline when it is usable, else
+    /// refineAround(), both with the default half-width and size (they give the same markers).
     Refiner refine;
 };
 
@@ -113,7 +114,9 @@ struct DetectionOptions
 ///
 /// Runs on the calling thread (never the interface's), which it blocks until the end; the
 /// refinements run on worker threads owned by the call, joined before it returns. Cost: the whole
-/// track is decoded once, and at most 2 x kRefineHalfWidth + 1 frames around each candidate again.
+/// track is decoded once and every frame converted to 96 x 54 luma; the refinements decode again
+/// (at most 2 x kRefineHalfWidth + 1 frames around each candidate) only when the timeline is not
+/// usable. Memory: one timeline entry per frame besides the scores.
 [[nodiscard]] core::Expected<std::vector<core::EditMarker>> detectEditsByDecoding(
     const media::AssetOpener& opener,
     const std::filesystem::path& path,

@@ -4,6 +4,7 @@
 #include <kestrin/core/media_time.hpp>
 #include <kestrin/media/asset.hpp>
 #include <kestrin/media/frame_reader.hpp>
+#include <kestrin/scan/frame_timeline.hpp>
 #include <kestrin/scan/luma_plane.hpp>
 
 #include <cstddef>
@@ -82,6 +83,12 @@ struct SignaturePassState
     LumaPlane previous;
     /// False until the first sampled frame has been extracted.
     bool hasPrevious = false;
+    /// Every frame with an image in video range, for the timeline: the frame in hand and the one
+    /// before it; their roles swap after every frame.
+    LumaPlane videoCurrent;
+    LumaPlane videoPrevious;
+    /// Every frame with an image, in decode order, with its difference to the one before.
+    FrameTimeline timeline;
     /// One entry per scored frame, ordered by frame index (a flat map: the pass scores frames in
     /// increasing order, so appending keeps it sorted). Frame k x stride (k >= 1) is scored against
     /// frame (k - 1) x stride and stored under its own index; frame 0 has no entry.
@@ -96,7 +103,10 @@ struct SignaturePassState
 /// The signature pass: reads `reader` (made by makeTrackReader, not yet started) to its end and
 /// scores every `state.sampleStride`-th frame with an image against the previous scored one:
 /// the 96 x 54 luma is passed through signatureToneCurve() and compared with blockDifferenceScore.
-/// Frames without a readable image (isReadableFrame) are skipped and not counted.
+/// Frames without a readable image (isReadableFrame) are skipped and not counted. Every counted
+/// frame is also appended to `state.timeline` with the mean absolute difference of its video-range
+/// luma (media::videoRangeLuma of the plane read) to the previous counted frame's, which is what
+/// the refinements compare.
 ///
 /// Progress: on every counted frame whose index is a multiple of kProgressInterval (0, 32, 64, ...)
 /// the pass reports p = min(fraction x weight, 1), raised to `lastProgress` when that is higher,
@@ -117,7 +127,8 @@ struct SignaturePassState
 ///
 /// Runs on the calling worker thread. There is no yield between frames: it exists to serve an
 /// interface on the same thread, and ours decodes on workers, so it would be a no-op. Allocates
-/// nothing per frame while the score containers are within their reserved capacity.
+/// nothing per frame while the score containers are within their reserved capacity, except the
+/// timeline's amortised growth.
 [[nodiscard]] core::Status scoreSignatures(media::FrameReader& reader,
                                            const core::MediaTime& duration,
                                            double weight,

@@ -5,6 +5,7 @@
 #include <kestrin/core/media_time.hpp>
 #include <kestrin/media/asset.hpp>
 #include <kestrin/scan/frame_access.hpp>
+#include <kestrin/scan/frame_timeline.hpp>
 
 #include <cstdint>
 #include <functional>
@@ -79,6 +80,25 @@ struct FrameRateRational
     int halfWidth = kRefineHalfWidth,
     int width = kSignatureWidth,
     int height = kSignatureHeight);
+
+/// The time range a refinement of `candidateFrame` searches: `halfWidth` frame durations either
+/// side of the candidate at `rate`, clipped to 0 and `durationSeconds`, its bounds on a 1/600 s
+/// clock. `rate` must be usable (numerator and denominator above 0).
+[[nodiscard]] core::MediaTimeRange refinementRange(std::int64_t candidateFrame,
+                                                   FrameRateRational rate,
+                                                   double durationSeconds,
+                                                   int halfWidth = kRefineHalfWidth);
+
+/// refineAround()'s answer for `candidateFrame`, read off a usable `timeline` instead of decoding:
+/// of the frames overlapping refinementRange(), the one after the largest difference between
+/// neighbours (the earlier at equal differences), as a marker without confidence; none when fewer
+/// than two frames overlap or the rate is unusable. Cost: a binary search and one step per frame
+/// in range; allocates nothing. Any thread, concurrently with other readers of the timeline.
+[[nodiscard]] std::optional<core::EditMarker> refineFromTimeline(std::int64_t candidateFrame,
+                                                                 const FrameTimeline& timeline,
+                                                                 FrameRateRational rate,
+                                                                 double durationSeconds,
+                                                                 int halfWidth = kRefineHalfWidth);
 
 /// How many refinements run at once on a machine with `processors` processors: 3 when more than
 /// three (one is left for the rest of the application), else 2; 0 (unknown) gives 2.
