@@ -1,0 +1,521 @@
+#include <kestrin/app/edit_detector_view_model.hpp>
+#include <kestrin/midi/standard_midi_export_service.hpp>
+#include <kestrin/scan/scan_error.hpp>
+
+#include <QMetaObject>
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+
+namespace kestrin::app {
+
+EditDetectorViewModel::EditDetectorViewModel(std::shared_ptr<const media::AssetOpener> opener,
+                                             core::Log log,
+                                             ViewModelServices services,
+                                             QObject* parent)
+    : QObject(parent)
+    , opener_(std::move(opener))
+    , log_(std::move(log))
+    , scanService_(services.scanService
+                       ? std::move(services.scanService)
+                       : std::make_shared<const scan::VideoScanService>(opener_, log_))
+    , midiService_(services.midiService ? std::move(services.midiService)
+                                        : std::make_unique<midi::StandardMIDIExportService>())
+    , timers_(services.timers ? std::move(services.timers) : makeQtTimerSource())
+{
+    // Each pipeline's result is stored on the next turn of the event loop, never from inside the
+    // setter or timer that produced it.
+    sessionValidation_.emplace(
+        *timers_,
+        kDebounceInterval,
+        sessionStartDigits_,
+        nominalFPS_,
+        dropFrameSources(),
+        [this](bool isValid) {
+            QMetaObject::invokeMethod(
+                this, [this, isValid] { storeSessionTCValid(isValid); }, Qt::QueuedConnection);
+        });
+    videoValidation_.emplace(
+        *timers_,
+        kDebounceInterval,
+        videoStartDigits_,
+        nominalFPS_,
+        dropFrameSources(),
+        [this](bool isValid) {
+            QMetaObject::invokeMethod(
+                this, [this, isValid] { storeVideoTCValid(isValid); }, Qt::QueuedConnection);
+        });
+    // The pipelines' first results come one quiet period from now; until then the flags must
+    // already be right.
+    revalidateTimecodes();
+}
+
+EditDetectorViewModel::~EditDetectorViewModel()
+{
+    // Ask everything to stop first, so that the threads wind down side by side, then join. What
+    // they post meanwhile is discarded with the QObject.
+    if (scanTask_) {
+        scanTask_->handle.requestStop();
+    }
+    for (ScanJob& job : retiredScans_) {
+        job.handle.requestStop();
+    }
+    if (eventsTask_) {
+        eventsTask_->thread.request_stop();
+    }
+    for (auto& [id, loader] : videoInfoLoaders_) {
+        loader.request_stop();
+    }
+    scanTask_.reset();
+    retiredScans_.clear();
+    eventsTask_.reset();
+    retiredConsumers_.clear();
+    videoInfoLoaders_.clear();
+}
+
+// Properties.
+
+const std::optional<std::filesystem::path>& EditDetectorViewModel::selectedURL() const
+{
+    return selectedURL_;
+}
+
+void EditDetectorViewModel::setSelectedURL(const std::optional<std::filesystem::path>& url)
+{
+    if (url == selectedURL_) {
+        return;
+    }
+    selectedURL_ = url;
+    emit selectedURLChanged(selectedURL_);
+}
+
+float EditDetectorViewModel::nominalFPS() const
+{
+    return nominalFPS_;
+}
+
+void EditDetectorViewModel::setNominalFPS(float fps)
+{
+    if (fps == nominalFPS_) {
+        return;
+    }
+    nominalFPS_ = fps;
+    emit nominalFPSChanged(fps);
+    sessionValidation_->rateChanged(fps);
+    videoValidation_->rateChanged(fps);
+}
+
+std::optional<bool> EditDetectorViewModel::detectedIsDropFrame() const
+{
+    return detectedIsDropFrame_;
+}
+
+void EditDetectorViewModel::setDetectedIsDropFrame(std::optional<bool> detected)
+{
+    if (detected == detectedIsDropFrame_) {
+        return;
+    }
+    detectedIsDropFrame_ = detected;
+    emit detectedIsDropFrameChanged(detected);
+    sessionValidation_->detectedIsDropFrameChanged(detected);
+    videoValidation_->detectedIsDropFrameChanged(detected);
+}
+
+std::optional<bool> EditDetectorViewModel::userPrefersDropFrame() const
+{
+    return userPrefersDropFrame_;
+}
+
+void EditDetectorViewModel::setUserPrefersDropFrame(std::optional<bool> preferred)
+{
+    if (preferred == userPrefersDropFrame_) {
+        return;
+    }
+    userPrefersDropFrame_ = preferred;
+    emit userPrefersDropFrameChanged(preferred);
+    sessionValidation_->userPrefersDropFrameChanged(preferred);
+    videoValidation_->userPrefersDropFrameChanged(preferred);
+}
+
+const std::vector<core::EditMarker>& EditDetectorViewModel::markers() const
+{
+    return markers_;
+}
+
+void EditDetectorViewModel::setMarkers(std::vector<core::EditMarker> markers)
+{
+    if (markers == markers_) {
+        return;
+    }
+    markers_ = std::move(markers);
+    emit markersChanged(markers_);
+}
+
+bool EditDetectorViewModel::isProcessing() const
+{
+    return isProcessing_;
+}
+
+void EditDetectorViewModel::setIsProcessing(bool isProcessing)
+{
+    if (isProcessing == isProcessing_) {
+        return;
+    }
+    isProcessing_ = isProcessing;
+    emit isProcessingChanged(isProcessing);
+}
+
+bool EditDetectorViewModel::scanLEDisOn() const
+{
+    return scanLEDisOn_;
+}
+
+void EditDetectorViewModel::setScanLEDisOn(bool isOn)
+{
+    if (isOn == scanLEDisOn_) {
+        return;
+    }
+    scanLEDisOn_ = isOn;
+    emit scanLEDisOnChanged(isOn);
+}
+
+double EditDetectorViewModel::progress() const
+{
+    return progress_;
+}
+
+void EditDetectorViewModel::setProgress(double progress)
+{
+    if (progress == progress_) {
+        return;
+    }
+    progress_ = progress;
+    emit progressChanged(progress);
+}
+
+bool EditDetectorViewModel::isKeyframesTrusted() const
+{
+    return isKeyframesTrusted_;
+}
+
+void EditDetectorViewModel::setIsKeyframesTrusted(bool isTrusted)
+{
+    if (isTrusted == isKeyframesTrusted_) {
+        return;
+    }
+    isKeyframesTrusted_ = isTrusted;
+    emit isKeyframesTrustedChanged(isTrusted);
+}
+
+const std::optional<std::string>& EditDetectorViewModel::errorMessage() const
+{
+    return errorMessage_;
+}
+
+void EditDetectorViewModel::setErrorMessage(const std::optional<std::string>& message)
+{
+    if (message == errorMessage_) {
+        return;
+    }
+    errorMessage_ = message;
+    emit errorMessageChanged(errorMessage_);
+}
+
+const std::string& EditDetectorViewModel::sessionStartDigits() const
+{
+    return sessionStartDigits_;
+}
+
+void EditDetectorViewModel::setSessionStartDigits(const std::string& digits)
+{
+    if (digits == sessionStartDigits_) {
+        return;
+    }
+    sessionStartDigits_ = digits;
+    emit sessionStartDigitsChanged(sessionStartDigits_);
+    sessionValidation_->digitsChanged(digits);
+}
+
+const std::string& EditDetectorViewModel::videoStartDigits() const
+{
+    return videoStartDigits_;
+}
+
+void EditDetectorViewModel::setVideoStartDigits(const std::string& digits)
+{
+    if (digits == videoStartDigits_) {
+        return;
+    }
+    videoStartDigits_ = digits;
+    emit videoStartDigitsChanged(videoStartDigits_);
+    videoValidation_->digitsChanged(digits);
+}
+
+bool EditDetectorViewModel::isSessionTCValid() const
+{
+    return isSessionTCValid_;
+}
+
+void EditDetectorViewModel::storeSessionTCValid(bool isValid)
+{
+    // Logged on every store, also when the value stays the same.
+    log_.line(std::string("🔵 isSessionTCValid changed → ") + (isValid ? "true" : "false"));
+    if (isValid == isSessionTCValid_) {
+        return;
+    }
+    isSessionTCValid_ = isValid;
+    emit isSessionTCValidChanged(isValid);
+}
+
+bool EditDetectorViewModel::isVideoTCValid() const
+{
+    return isVideoTCValid_;
+}
+
+void EditDetectorViewModel::storeVideoTCValid(bool isValid)
+{
+    log_.line(std::string("🟢 isVideoTCValid changed → ") + (isValid ? "true" : "false"));
+    if (isValid == isVideoTCValid_) {
+        return;
+    }
+    isVideoTCValid_ = isValid;
+    emit isVideoTCValidChanged(isValid);
+}
+
+// Rules.
+
+DropFrameSources EditDetectorViewModel::dropFrameSources() const
+{
+    return {.userPrefersDropFrame = userPrefersDropFrame_,
+            .detectedIsDropFrame = detectedIsDropFrame_};
+}
+
+bool EditDetectorViewModel::isDropFrame() const
+{
+    return effectiveDropFrame(nominalFPS_);
+}
+
+bool EditDetectorViewModel::effectiveDropFrame(float rate) const
+{
+    return app::effectiveDropFrame(rate, dropFrameSources());
+}
+
+void EditDetectorViewModel::revalidateTimecodes()
+{
+    storeSessionTCValid(isValidTimecode(sessionStartDigits_, nominalFPS_, dropFrameSources()));
+    storeVideoTCValid(isValidTimecode(videoStartDigits_, nominalFPS_, dropFrameSources()));
+}
+
+core::Expected<std::vector<std::uint8_t>> EditDetectorViewModel::makeMIDIData()
+{
+    const MarkerExport request{.markers = markers_,
+                               .nominalFPS = nominalFPS_,
+                               .dropFrame = dropFrameSources(),
+                               .sessionStartDigits = sessionStartDigits_,
+                               .videoStartDigits = videoStartDigits_};
+    return app::makeMIDIData(request, *midiService_);
+}
+
+// File information.
+
+void EditDetectorViewModel::loadVideoInfo(const std::filesystem::path& path)
+{
+    const std::uint64_t loaderId = nextLoaderId_++;
+    // The media work (opening the file, reading its tracks) happens off the interface thread; the
+    // result comes back by a queued call. The destructor stops and joins the thread before the
+    // QObject goes, so `this` outlives the thread's last use of it.
+    videoInfoLoaders_.emplace(
+        loaderId,
+        std::jthread([this, loaderId, opener = opener_, path](const std::stop_token& stopToken) {
+            core::Expected<VideoInfo> info = app::loadVideoInfo(*opener, path, stopToken);
+            QMetaObject::invokeMethod(
+                this,
+                [this, loaderId, info = std::move(info)] { videoInfoLoaded(loaderId, info); },
+                Qt::QueuedConnection);
+        }));
+}
+
+void EditDetectorViewModel::videoInfoLoaded(std::uint64_t loaderId,
+                                            const core::Expected<VideoInfo>& info)
+{
+    // The thread posted this as its last act, so the join returns at once.
+    videoInfoLoaders_.erase(loaderId);
+    if (!info) {
+        setErrorMessage(info.error().description);
+        setDetectedIsDropFrame(std::nullopt);
+        return;
+    }
+    if (info->nominalFPS) {
+        setNominalFPS(*info->nominalFPS);
+    }
+    setDetectedIsDropFrame(info->detectedIsDropFrame);
+}
+
+// Scanning.
+
+void EditDetectorViewModel::cancelScan()
+{
+    ++generation_;
+    stopEventConsumer();
+    if (scanTask_) {
+        // Not joined here: the worker may be in the middle of a decoded frame. It is joined when
+        // its completion arrives.
+        scanTask_->handle.requestStop();
+        retiredScans_.push_back(std::move(*scanTask_));
+        scanTask_.reset();
+    }
+    setIsProcessing(false);
+    setScanLEDisOn(false);
+    setIsKeyframesTrusted(false);
+    setProgress(0.0);
+}
+
+void EditDetectorViewModel::startScan()
+{
+    if (!selectedURL_) {
+        setErrorMessage("No video selected.");
+        return;
+    }
+    cancelScan();
+    setProgress(0.0);
+    setMarkers({});
+    setErrorMessage(std::nullopt);
+    setIsProcessing(true);
+    setScanLEDisOn(true);
+    const std::uint64_t generation = generation_;
+    // The scan body runs on a later turn of the loop, as a task of the interface thread would;
+    // a view model destroyed before then drops the call.
+    QMetaObject::invokeMethod(
+        this,
+        [this, generation, path = *selectedURL_] { runScanBody(generation, path); },
+        Qt::QueuedConnection);
+}
+
+void EditDetectorViewModel::runScanBody(std::uint64_t generation, const std::filesystem::path& path)
+{
+    if (generation != generation_) {
+        // Cancelled, or superseded by a newer startScan, before it began. Starting the scan now
+        // would only have it stopped at once, and storing its handles would replace (or cancel)
+        // the newer scan's; it ends as a cancelled scan does.
+        logScanEnd();
+        return;
+    }
+    std::optional<scan::Scan> started;
+    try {
+        // The completion runs on the scan's worker thread; the handle is joined in
+        // scanFinished() or in the destructor, so `this` outlives that call.
+        started.emplace(scanService_->scanForEdits(path, [this, generation] {
+            QMetaObject::invokeMethod(
+                this, [this, generation] { scanFinished(generation); }, Qt::QueuedConnection);
+        }));
+    } catch (const std::system_error& error) {
+        setErrorMessage(error.what());
+        setIsProcessing(false);
+        logScanEnd();
+        return;
+    }
+    scanTask_.emplace(ScanJob{generation, std::move(started->handle)});
+    startEventConsumer(generation, std::move(started->events));
+}
+
+void EditDetectorViewModel::startEventConsumer(std::uint64_t generation,
+                                               std::shared_ptr<scan::ScanEventStream> events)
+{
+    stopEventConsumer();
+    // Blocks on the stream off the interface thread and posts each event; ends when the stream
+    // ends or when asked to stop, and says so as its last post.
+    eventsTask_.emplace(EventConsumer{
+        generation,
+        std::jthread([this, generation, events = std::move(events)](
+                         const std::stop_token& stopToken) {
+            while (const std::optional<core::ProgressEvent> event = events->next(stopToken)) {
+                QMetaObject::invokeMethod(
+                    this,
+                    [this, generation, event = *event] { applyEvent(generation, event); },
+                    Qt::QueuedConnection);
+            }
+            QMetaObject::invokeMethod(
+                this, [this, generation] { eventConsumerEnded(generation); }, Qt::QueuedConnection);
+        })});
+}
+
+void EditDetectorViewModel::stopEventConsumer()
+{
+    if (eventsTask_) {
+        eventsTask_->thread.request_stop();
+        retiredConsumers_.push_back(std::move(*eventsTask_));
+        eventsTask_.reset();
+    }
+}
+
+void EditDetectorViewModel::applyEvent(std::uint64_t generation, const core::ProgressEvent& event)
+{
+    // Events still queued when their consumer was stopped are dropped too: after a successful
+    // scan has set progress 1, a late progress event must not move it back.
+    if (generation != generation_ || !eventsTask_ || eventsTask_->generation != generation) {
+        return;
+    }
+    if (event.kind() == core::ProgressEvent::Kind::progress) {
+        setProgress(event.fraction());
+    } else {
+        setIsKeyframesTrusted(event.scanMode() == core::ScanMode::trustedKeyframes);
+    }
+}
+
+void EditDetectorViewModel::eventConsumerEnded(std::uint64_t generation)
+{
+    if (generation == generation_) {
+        setIsKeyframesTrusted(false);
+    }
+    // The thread posted this as its last act, so the join returns at once.
+    if (eventsTask_ && eventsTask_->generation == generation) {
+        eventsTask_.reset();
+        return;
+    }
+    std::erase_if(retiredConsumers_, [generation](const EventConsumer& consumer) {
+        return consumer.generation == generation;
+    });
+}
+
+void EditDetectorViewModel::scanFinished(std::uint64_t generation)
+{
+    std::optional<ScanJob> job;
+    if (scanTask_ && scanTask_->generation == generation) {
+        job = std::move(scanTask_);
+        scanTask_.reset();
+    } else {
+        const auto retired = std::find_if(
+            retiredScans_.begin(), retiredScans_.end(), [generation](const ScanJob& j) {
+                return j.generation == generation;
+            });
+        if (retired == retiredScans_.end()) {
+            return;
+        }
+        job = std::move(*retired);
+        retiredScans_.erase(retired);
+    }
+    // The result is ready (the completion comes after it); the worker has at most to return from
+    // the completion call, so releasing the handle joins it at once.
+    const core::Expected<std::vector<core::EditMarker>> outcome = job->handle.waitForResult();
+    job.reset();
+
+    if (generation == generation_) {
+        if (outcome) {
+            setMarkers(*outcome);
+            setProgress(1.0);
+        } else if (!scan::scan_error::isCancellation(outcome.error())) {
+            setErrorMessage(outcome.error().description);
+        }
+        setIsProcessing(false);
+        stopEventConsumer();
+    }
+    logScanEnd();
+}
+
+void EditDetectorViewModel::logScanEnd() const
+{
+    log_.line(std::string("marker array is empty?: ") + (markers_.empty() ? "true" : "false"));
+}
+
+}  // namespace kestrin::app
