@@ -36,6 +36,49 @@ using ScaleContextPointer = std::unique_ptr<SwsContext, ScaleContextDeleter>;
 // read starts from the beginning of the file.
 constexpr int kSeekRetries = 4;
 
+}  // namespace
+
+struct DecodingSession
+{
+    Interrupt interrupt;  // must outlive format; the session never moves
+    FormatContextPointer format;
+    AVStream* stream = nullptr;
+    CodecContextPointer decoder;
+    PacketPointer packet;
+    FramePointer frame;
+    ScaleContextPointer scale;
+    std::vector<std::uint8_t> plane;
+    /// The end of the file was handed to the decoder: it can only be drained now.
+    bool isInputDone = false;
+    /// Decode stamp of the last packet handed to the decoder; AV_NOPTS_VALUE before the first.
+    std::int64_t lastSentDecodeStamp = AV_NOPTS_VALUE;
+    /// Where the last frame taken from the decoder stops being shown; invalid before the first.
+    core::MediaTime lastFrameEnd = core::MediaTime::invalid();
+};
+
+void DecodingSessionDeleter::operator()(DecodingSession* session) const
+{
+    delete session;  // NOLINT(cppcoreguidelines-owning-memory): the deleter of a unique_ptr
+}
+
+DecodingSessionPointer DecodingSessionPool::take()
+{
+    const std::scoped_lock lock(mutex_);
+    return std::move(idle_);
+}
+
+void DecodingSessionPool::give(DecodingSessionPointer session)
+{
+    DecodingSessionPointer dropped;
+    {
+        const std::scoped_lock lock(mutex_);
+        dropped = std::exchange(idle_, std::move(session));
+    }
+    // `dropped` closes its file and decoder here, outside the lock.
+}
+
+namespace {
+
 // The full-range form of a full-range-only ("J") format, and whether it was one.
 std::pair<AVPixelFormat, bool> withoutJpegRange(AVPixelFormat format)
 {
@@ -103,51 +146,81 @@ public:
                       std::stop_token stopToken)
         : source_(std::move(source))
         , settings_(settings)
+        , stopToken_(std::move(stopToken))
+    {}
+
+    FFmpegFrameReader(const FFmpegFrameReader&) = delete;
+    FFmpegFrameReader& operator=(const FFmpegFrameReader&) = delete;
+
+    // Hands the session on to the track's next reader when it can go on from where this one
+    // stopped: not after a failure, a stop request or the end of the file, nor when the file's
+    // I/O may have been cut off half-way.
+    ~FFmpegFrameReader() override
     {
-        interrupt_.stopToken = std::move(stopToken);
+        const bool isHealthy = status_ == media::ReaderStatus::reading
+                               || status_ == media::ReaderStatus::completed
+                               || status_ == media::ReaderStatus::cancelled;
+        if (session_ && session_->decoder && isHealthy && !session_->isInputDone
+            && !stopToken_.stop_requested()) {
+            source_->sessions->give(std::move(session_));
+        }
     }
 
-    /// Opens the file and the decoder; the error when either fails.
+    /// Opens the file and the decoder, or takes over the session a reader of the same track
+    /// finished with; the error when opening fails.
     std::optional<core::Error> open()
     {
         if (settings_.width < 1 || settings_.height < 1) {
             return ffmpegError(AVERROR(EINVAL));
         }
-        auto opened = openInput(source_->path, interrupt_, false);
+        // Only a reader that seeks can use a session that is somewhere in the file.
+        if (settings_.timeRange && settings_.timeRange->start > core::MediaTime::zero()) {
+            session_ = source_->sessions->take();
+        }
+        if (session_) {
+            session_->interrupt.stopToken = stopToken_;
+            session_->interrupt.isAbandoned = false;
+            return std::nullopt;
+        }
+        session_.reset(new DecodingSession);  // NOLINT(cppcoreguidelines-owning-memory)
+        session_->interrupt.stopToken = stopToken_;
+        auto opened = openInput(source_->path, session_->interrupt, false);
         if (!opened) {
             return opened.error();
         }
-        format_ = std::move(*opened);
-        if (source_->streamIndex >= static_cast<int>(format_->nb_streams)) {
+        session_->format = std::move(*opened);
+        if (source_->streamIndex >= static_cast<int>(session_->format->nb_streams)) {
             return ffmpegError(errorStreamNotFound());
         }
-        stream_ = format_->streams[source_->streamIndex];
-        if (stream_->codecpar->codec_type != AVMEDIA_TYPE_VIDEO) {
+        session_->stream = session_->format->streams[source_->streamIndex];
+        if (session_->stream->codecpar->codec_type != AVMEDIA_TYPE_VIDEO) {
             return ffmpegError(errorStreamNotFound());
         }
-        for (unsigned int i = 0; i < format_->nb_streams; ++i) {
-            format_->streams[i]->discard =
-                format_->streams[i] == stream_ ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+        for (unsigned int i = 0; i < session_->format->nb_streams; ++i) {
+            session_->format->streams[i]->discard = session_->format->streams[i] == session_->stream
+                                                        ? AVDISCARD_DEFAULT
+                                                        : AVDISCARD_ALL;
         }
-        const AVCodec* codec = avcodec_find_decoder(stream_->codecpar->codec_id);
+        const AVCodec* codec = avcodec_find_decoder(session_->stream->codecpar->codec_id);
         if (codec == nullptr) {
             return ffmpegError(errorDecoderNotFound());
         }
-        decoder_.reset(avcodec_alloc_context3(codec));
-        packet_.reset(av_packet_alloc());
-        frame_.reset(av_frame_alloc());
-        if (!decoder_ || !packet_ || !frame_) {
+        session_->decoder.reset(avcodec_alloc_context3(codec));
+        session_->packet.reset(av_packet_alloc());
+        session_->frame.reset(av_frame_alloc());
+        if (!session_->decoder || !session_->packet || !session_->frame) {
             return ffmpegError(AVERROR(ENOMEM));
         }
-        int result = avcodec_parameters_to_context(decoder_.get(), stream_->codecpar);
+        int result =
+            avcodec_parameters_to_context(session_->decoder.get(), session_->stream->codecpar);
         if (result < 0) {
             return ffmpegError(result);
         }
-        decoder_->pkt_timebase = stream_->time_base;
+        session_->decoder->pkt_timebase = session_->stream->time_base;
         // The decoder's own threads, as many as there are cores, across frames and within them.
-        decoder_->thread_count = 0;
-        decoder_->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
-        result = avcodec_open2(decoder_.get(), codec, nullptr);
+        session_->decoder->thread_count = 0;
+        session_->decoder->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
+        result = avcodec_open2(session_->decoder.get(), codec, nullptr);
         if (result < 0) {
             return ffmpegError(result);
         }
@@ -164,7 +237,7 @@ public:
             rangeStart_ = settings_.timeRange->start;
             rangeEnd_ = settings_.timeRange->end();
             seekStamp_ = source_->timing.stampAtOrBefore(rangeStart_);
-            if (rangeStart_ > core::MediaTime::zero()) {
+            if (rangeStart_ > core::MediaTime::zero() && !canGoOnTo(seekStamp_)) {
                 if (!seekTo(seekStamp_)) {
                     return false;
                 }
@@ -183,11 +256,12 @@ public:
     std::optional<media::LumaFrame> nextFrame() override
     {
         while (status_ == media::ReaderStatus::reading) {
-            if (interrupt_.stopToken.stop_requested()) {
+            if (session_->interrupt.stopToken.stop_requested()) {
                 status_ = media::ReaderStatus::cancelled;
                 break;
             }
-            const int received = avcodec_receive_frame(decoder_.get(), frame_.get());
+            const int received =
+                avcodec_receive_frame(session_->decoder.get(), session_->frame.get());
             if (received == errorAgain()) {
                 feedDecoder();
                 continue;
@@ -213,13 +287,34 @@ public:
         if (status_ == media::ReaderStatus::notStarted || status_ == media::ReaderStatus::reading) {
             status_ = media::ReaderStatus::cancelled;
         }
-        interrupt_.isAbandoned = true;
+        session_->interrupt.isAbandoned = true;
     }
 
 private:
+    // Whether decoding on from where the session is gives the frames from `stamp` on without
+    // decoding more than a seek would: the session has not yet taken a frame shown at or after
+    // the range's start, and it has already sent the sync sample a seek to `stamp` would land on.
+    // Known only from the container's index; without one, readers always seek.
+    [[nodiscard]] bool canGoOnTo(std::int64_t stamp) const
+    {
+        if (!source_->index || session_->lastSentDecodeStamp == AV_NOPTS_VALUE
+            || !session_->lastFrameEnd.isNumeric() || session_->lastFrameEnd > rangeStart_) {
+            return false;
+        }
+        std::int64_t syncDecodeStamp = AV_NOPTS_VALUE;
+        for (const SampleEntry& sample : *source_->index) {
+            if (sample.isSync && sample.presentationStamp != AV_NOPTS_VALUE
+                && sample.presentationStamp <= stamp) {
+                syncDecodeStamp = sample.decodeStamp;
+            }
+        }
+        return syncDecodeStamp != AV_NOPTS_VALUE
+               && syncDecodeStamp <= session_->lastSentDecodeStamp;
+    }
+
     void fail(int code)
     {
-        if (code == errorExit() && interrupt_.stopToken.stop_requested()) {
+        if (code == errorExit() && session_->interrupt.stopToken.stop_requested()) {
             status_ = media::ReaderStatus::cancelled;
             return;
         }
@@ -229,8 +324,8 @@ private:
 
     bool seekTo(std::int64_t stamp)
     {
-        const int result = avformat_seek_file(format_.get(),
-                                              stream_->index,
+        const int result = avformat_seek_file(session_->format.get(),
+                                              session_->stream->index,
                                               std::numeric_limits<std::int64_t>::min(),
                                               stamp,
                                               stamp,
@@ -242,8 +337,10 @@ private:
                 return false;
             }
         }
-        avcodec_flush_buffers(decoder_.get());
-        isInputDone_ = false;
+        avcodec_flush_buffers(session_->decoder.get());
+        session_->isInputDone = false;
+        session_->lastSentDecodeStamp = AV_NOPTS_VALUE;
+        session_->lastFrameEnd = core::MediaTime::invalid();
         return true;
     }
 
@@ -251,16 +348,16 @@ private:
     // file, tells the decoder to give out what it holds).
     void feedDecoder()
     {
-        if (isInputDone_) {
+        if (session_->isInputDone) {
             // The decoder wants input after being drained: nothing more will come.
             status_ = media::ReaderStatus::completed;
             return;
         }
         for (;;) {
-            const int read = av_read_frame(format_.get(), packet_.get());
+            const int read = av_read_frame(session_->format.get(), session_->packet.get());
             if (read == errorEof()) {
-                isInputDone_ = true;
-                const int sent = avcodec_send_packet(decoder_.get(), nullptr);
+                session_->isInputDone = true;
+                const int sent = avcodec_send_packet(session_->decoder.get(), nullptr);
                 if (sent < 0 && sent != errorEof()) {
                     fail(sent);
                 }
@@ -270,21 +367,24 @@ private:
                 fail(read);
                 return;
             }
-            if (packet_->stream_index != stream_->index) {
-                av_packet_unref(packet_.get());
+            if (session_->packet->stream_index != session_->stream->index) {
+                av_packet_unref(session_->packet.get());
                 continue;
             }
             if (settings_.timeRange) {
                 // Frames shown before the range are decoded only as far as later frames need
                 // them: those no other frame refers to are skipped, which after a seek is much of
                 // the lead-in from the sync sample (every non-reference B-frame, for one).
-                decoder_->skip_frame =
-                    isShownBeforeRange(*packet_) ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
+                session_->decoder->skip_frame =
+                    isShownBeforeRange(*session_->packet) ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
             }
-            const int sent = avcodec_send_packet(decoder_.get(), packet_.get());
-            av_packet_unref(packet_.get());
+            const std::int64_t decodeStamp = session_->packet->dts;
+            const int sent = avcodec_send_packet(session_->decoder.get(), session_->packet.get());
+            av_packet_unref(session_->packet.get());
             if (sent < 0 && sent != errorAgain()) {
                 fail(sent);
+            } else if (sent >= 0 && decodeStamp != AV_NOPTS_VALUE) {
+                session_->lastSentDecodeStamp = decodeStamp;
             }
             return;
         }
@@ -294,27 +394,29 @@ private:
     // range has ended); absent when dropped.
     std::optional<media::LumaFrame> takeFrame()
     {
-        const std::int64_t stamp =
-            frame_->pts != AV_NOPTS_VALUE ? frame_->pts : frame_->best_effort_timestamp;
+        const std::int64_t stamp = session_->frame->pts != AV_NOPTS_VALUE
+                                       ? session_->frame->pts
+                                       : session_->frame->best_effort_timestamp;
         const core::MediaTime time = source_->timing.timeOf(stamp);
+        session_->lastFrameEnd = time + durationOfFrame();
         if (settings_.timeRange && time.isNumeric()) {
             if (isCheckingSeek_) {
                 isCheckingSeek_ = false;
                 // The seek landed on a sync sample presented after the range starts (the index
                 // holds decode times, or the container seeks coarsely): go further back.
                 if (time > rangeStart_ && seekStamp_ > source_->timing.origin) {
-                    av_frame_unref(frame_.get());
+                    av_frame_unref(session_->frame.get());
                     retreat();
                     return std::nullopt;
                 }
             }
             if (time >= rangeEnd_) {
-                av_frame_unref(frame_.get());
+                av_frame_unref(session_->frame.get());
                 status_ = media::ReaderStatus::completed;
                 return std::nullopt;
             }
             if (!(time + durationOfFrame() > rangeStart_)) {
-                av_frame_unref(frame_.get());
+                av_frame_unref(session_->frame.get());
                 return std::nullopt;
             }
         }
@@ -329,7 +431,7 @@ private:
             seekTo(seekStamp_);
             return;
         }
-        const std::int64_t second = av_rescale_q(1, AVRational{1, 1}, stream_->time_base);
+        const std::int64_t second = av_rescale_q(1, AVRational{1, 1}, session_->stream->time_base);
         seekStamp_ = std::max(source_->timing.origin,
                               seekStamp_ - second * (std::int64_t{1} << seekRetries_));
         if (seekTo(seekStamp_)) {
@@ -348,7 +450,8 @@ private:
         core::MediaTime duration = source_->timing.frameDuration();
         if (!duration.isNumeric()) {
             duration = packet.duration > 0 ? core::MediaTime::make(
-                           packet.duration * stream_->time_base.num, stream_->time_base.den)
+                           packet.duration * session_->stream->time_base.num,
+                           session_->stream->time_base.den)
                                            : core::MediaTime::zero();
         }
         return time.isNumeric() && !(time + duration > rangeStart_);
@@ -360,9 +463,10 @@ private:
         if (grid.isNumeric()) {
             return grid;
         }
-        if (frame_->pkt_duration > 0) {
-            return core::MediaTime::make(frame_->pkt_duration * stream_->time_base.num,
-                                         stream_->time_base.den);
+        if (session_->frame->pkt_duration > 0) {
+            return core::MediaTime::make(
+                session_->frame->pkt_duration * session_->stream->time_base.num,
+                session_->stream->time_base.den);
         }
         return core::MediaTime::zero();
     }
@@ -374,52 +478,58 @@ private:
         out.duration = durationOfFrame();
         out.width = settings_.width;
         out.height = settings_.height;
-        const auto decoded = static_cast<AVPixelFormat>(frame_->format);
+        const auto decoded = static_cast<AVPixelFormat>(session_->frame->format);
         const auto [format, isJpegFormat] = withoutJpegRange(decoded);
         const bool isFullRange =
-            isJpegFormat || frame_->color_range == AVCOL_RANGE_JPEG
-            || (isGray(format) && frame_->color_range == AVCOL_RANGE_UNSPECIFIED);
+            isJpegFormat || session_->frame->color_range == AVCOL_RANGE_JPEG
+            || (isGray(format) && session_->frame->color_range == AVCOL_RANGE_UNSPECIFIED);
         const bool wantsFullRange = settings_.range == media::LumaRange::full;
 
         // Video range is always made from the full-range plane (see below), even from a source
         // in video range, so that it is the same function of the picture as for every reader.
-        if (hasEightBitLumaPlane(format) && frame_->width == settings_.width
-            && frame_->height == settings_.height && frame_->linesize[0] > 0 && isFullRange
-            && wantsFullRange) {
-            out.data = frame_->data[0];
-            out.bytesPerRow = frame_->linesize[0];
+        if (hasEightBitLumaPlane(format) && session_->frame->width == settings_.width
+            && session_->frame->height == settings_.height && session_->frame->linesize[0] > 0
+            && isFullRange && wantsFullRange) {
+            out.data = session_->frame->data[0];
+            out.bytesPerRow = session_->frame->linesize[0];
             return out;
         }
 
-        scale_.reset(sws_getCachedContext(scale_.release(),
-                                          frame_->width,
-                                          frame_->height,
-                                          format,
-                                          settings_.width,
-                                          settings_.height,
-                                          AV_PIX_FMT_GRAY8,
-                                          SWS_AREA,
-                                          nullptr,
-                                          nullptr,
-                                          nullptr));
-        if (!scale_) {
+        session_->scale.reset(sws_getCachedContext(session_->scale.release(),
+                                                   session_->frame->width,
+                                                   session_->frame->height,
+                                                   format,
+                                                   settings_.width,
+                                                   settings_.height,
+                                                   AV_PIX_FMT_GRAY8,
+                                                   SWS_AREA,
+                                                   nullptr,
+                                                   nullptr,
+                                                   nullptr));
+        if (!session_->scale) {
             fail(AVERROR(EINVAL));
             return std::nullopt;
         }
         // Always to full range, whatever the source's depth and range; video range is then made
         // from it with one table, so both ranges come out of the same conversion.
         const int* coefficients = sws_getCoefficients(SWS_CS_DEFAULT);
-        sws_setColorspaceDetails(
-            scale_.get(), coefficients, isFullRange ? 1 : 0, coefficients, 1, 0, 1 << 16, 1 << 16);
-        plane_.resize(static_cast<std::size_t>(settings_.width)
-                      * static_cast<std::size_t>(settings_.height));
-        std::array<std::uint8_t*, 4> destination{plane_.data(), nullptr, nullptr, nullptr};
+        sws_setColorspaceDetails(session_->scale.get(),
+                                 coefficients,
+                                 isFullRange ? 1 : 0,
+                                 coefficients,
+                                 1,
+                                 0,
+                                 1 << 16,
+                                 1 << 16);
+        session_->plane.resize(static_cast<std::size_t>(settings_.width)
+                               * static_cast<std::size_t>(settings_.height));
+        std::array<std::uint8_t*, 4> destination{session_->plane.data(), nullptr, nullptr, nullptr};
         std::array<int, 4> destinationStride{settings_.width, 0, 0, 0};
-        const int rows = sws_scale(scale_.get(),
-                                   frame_->data,
-                                   frame_->linesize,
+        const int rows = sws_scale(session_->scale.get(),
+                                   session_->frame->data,
+                                   session_->frame->linesize,
                                    0,
-                                   frame_->height,
+                                   session_->frame->height,
                                    destination.data(),
                                    destinationStride.data());
         if (rows <= 0) {
@@ -428,11 +538,11 @@ private:
         }
         if (!wantsFullRange) {
             static const std::array<std::uint8_t, 256> kVideoRange = makeVideoRangeTable();
-            for (std::uint8_t& value : plane_) {
+            for (std::uint8_t& value : session_->plane) {
                 value = kVideoRange[value];
             }
         }
-        out.data = plane_.data();
+        out.data = session_->plane.data();
         out.bytesPerRow = settings_.width;
         return out;
     }
@@ -440,14 +550,8 @@ private:
     std::shared_ptr<const TrackSource> source_;
     media::FrameReaderSettings settings_;
     // Everything below belongs to the thread using the reader.
-    Interrupt interrupt_;  // must outlive format_
-    FormatContextPointer format_;
-    AVStream* stream_ = nullptr;
-    CodecContextPointer decoder_;
-    PacketPointer packet_;
-    FramePointer frame_;
-    ScaleContextPointer scale_;
-    std::vector<std::uint8_t> plane_;
+    std::stop_token stopToken_;
+    DecodingSessionPointer session_;
     media::ReaderStatus status_ = media::ReaderStatus::notStarted;
     std::optional<core::Error> error_;
     core::MediaTime rangeStart_;
@@ -455,7 +559,6 @@ private:
     std::int64_t seekStamp_ = 0;
     int seekRetries_ = 0;
     bool isCheckingSeek_ = false;
-    bool isInputDone_ = false;
 };
 
 }  // namespace

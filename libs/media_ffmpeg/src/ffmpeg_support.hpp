@@ -17,6 +17,7 @@ extern "C" {
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <stop_token>
 #include <vector>
 
@@ -89,6 +90,32 @@ struct SampleEntry
     bool isSync = false;
 };
 
+/// What a frame reader decodes with (defined by the reader): the demuxer and decoder of one
+/// track, and how far they have got.
+struct DecodingSession;
+struct DecodingSessionDeleter
+{
+    void operator()(DecodingSession* session) const;
+};
+using DecodingSessionPointer = std::unique_ptr<DecodingSession, DecodingSessionDeleter>;
+
+/// The decoding session that the last reader of a track finished with, kept for the next reader
+/// of the same track: the windows of a scan come one after another in time order, and the next
+/// one can then go on decoding from where the last one stopped instead of opening the file and
+/// the decoder again and seeking back. Holds at most one session. Thread-safe.
+class DecodingSessionPool
+{
+public:
+    /// The kept session, if any; the pool is then empty.
+    [[nodiscard]] DecodingSessionPointer take();
+    /// Keeps `session`, dropping any session kept before (the newer is further on).
+    void give(DecodingSessionPointer session);
+
+private:
+    std::mutex mutex_;
+    DecodingSessionPointer idle_;  // guarded by mutex_
+};
+
 /// Everything a cursor or reader needs to know about a track; immutable after opening, shared.
 struct TrackSource
 {
@@ -99,6 +126,8 @@ struct TrackSource
     /// The complete sample table in decode order when the container's index holds it with
     /// presentation times; null when cursors must demux packets.
     std::shared_ptr<const std::vector<SampleEntry>> index;
+    /// Where the track's readers hand their sessions on; the pool itself is not immutable.
+    std::shared_ptr<DecodingSessionPool> sessions = std::make_shared<DecodingSessionPool>();
 };
 
 /// A cursor on the first sample in decode order; null when the track has no samples (or the file

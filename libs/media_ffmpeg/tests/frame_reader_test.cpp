@@ -103,6 +103,8 @@ TEST(FFmpegFrameReader, TimeRangeDeliversTheOverlappingFrames)
         const auto whole = readFrames(asset, track, {});
         const auto count = std::ssize(whole.frames);
         ASSERT_GT(count, 80);
+        // One asset for all rows, so each reader takes over the decoder the last one left: some
+        // go on from where it stopped (202 after 124..160 in an indexed file), others seek back.
         const std::int64_t starts[] = {0, 200, 124, 202, count * 4 - 12, count * 4 - 7};
         const std::int64_t ends[] = {20, 252, 160, 209, count * 4, count * 4 + 200};
         for (std::size_t row = 0; row < std::size(starts); ++row) {
