@@ -261,9 +261,8 @@ void EditDetectorViewModel::storeSessionTCValid(bool isValid)
 {
     // Logged on every store, also when the value stays the same.
     log_.line(std::string("🔵 isSessionTCValid changed → ") + (isValid ? "true" : "false"));
-    if (isValid == isSessionTCValid_) {
-        return;
-    }
+    // Announced on every store too: a timecode field shows its own verdict while the user types
+    // and takes the view model's back whenever one is stored, even an unchanged one.
     isSessionTCValid_ = isValid;
     emit isSessionTCValidChanged(isValid);
 }
@@ -276,10 +275,7 @@ bool EditDetectorViewModel::isVideoTCValid() const
 void EditDetectorViewModel::storeVideoTCValid(bool isValid)
 {
     log_.line(std::string("🟢 isVideoTCValid changed → ") + (isValid ? "true" : "false"));
-    if (isValid == isVideoTCValid_) {
-        return;
-    }
-    isVideoTCValid_ = isValid;
+    isVideoTCValid_ = isValid;  // announced on every store, as above
     emit isVideoTCValidChanged(isValid);
 }
 

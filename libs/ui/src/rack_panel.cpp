@@ -248,6 +248,18 @@ RackPanel::RackPanel(std::unique_ptr<EditDetectorViewModel> model,
     connect(vm, &EditDetectorViewModel::videoStartDigitsChanged, this, &RackPanel::showModel);
     connect(vm, &EditDetectorViewModel::isSessionTCValidChanged, this, &RackPanel::showModel);
     connect(vm, &EditDetectorViewModel::isVideoTCValidChanged, this, &RackPanel::showModel);
+    // A field colours its text by its own verdict as the user types, until the view model stores
+    // its verdict (about 150 ms after the typing stops, or when the rate changes): only then is
+    // the field's colour the view model's again.
+    connect(
+        vm, &EditDetectorViewModel::isSessionTCValidChanged, sessionStartField_, [this](bool v) {
+            sessionStartField_->setValid(v);
+        });
+    connect(vm, &EditDetectorViewModel::isVideoTCValidChanged, videoStartField_, [this](bool v) {
+        videoStartField_->setValid(v);
+    });
+    sessionStartField_->setValid(vm->isSessionTCValid());
+    videoStartField_->setValid(vm->isVideoTCValid());
     showModel();
     showErrorMessage();
 }
@@ -287,16 +299,15 @@ void RackPanel::showModel()
 {
     const EditDetectorViewModel& vm = *model_;
     videoLabel_->setVideo(vm.selectedURL());
-    // Every field follows every change, like a redraw: its colour is the view model's verdict.
+    // Every field follows every change, like a redraw (its colour follows the validity signals).
     const bool isDropFrame = vm.isDropFrame();
-    const auto showField = [&](TimecodeField& field, const std::string& digits, bool isValid) {
+    const auto showField = [&](TimecodeField& field, const std::string& digits) {
         field.setDigits(QString::fromStdString(digits));
         field.setDropFrame(isDropFrame);
         field.setNominalFps(vm.nominalFPS());
-        field.setValid(isValid);
     };
-    showField(*sessionStartField_, vm.sessionStartDigits(), vm.isSessionTCValid());
-    showField(*videoStartField_, vm.videoStartDigits(), vm.isVideoTCValid());
+    showField(*sessionStartField_, vm.sessionStartDigits());
+    showField(*videoStartField_, vm.videoStartDigits());
     scanLight_->setOn(vm.scanLEDisOn());
     progressBar_->setProgress(vm.progress());
     keyframeLamp_->setOn(vm.isKeyframesTrusted());

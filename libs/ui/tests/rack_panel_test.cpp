@@ -122,6 +122,16 @@ TEST_F(PanelOnClips, ButtonsFollowTheRateAndTheChoices)
     EXPECT_EQ(lit(), u"SelectVideo fps25"_s);
     EXPECT_EQ(enabled(), u"SelectVideo fps23976 fps24 fps25 fps2997 fps30 fps50 fps5994 fps60"_s);
     EXPECT_EQ(panel_.button(RackButtonId::DF)->accessibleDescription(), u"Disabled"_s);
+
+    // A field judges each keystroke at once by the rate it was made with (29.97 drop-frame), and
+    // keeps that colour until the view model stores its own verdict, at 25, after the typing.
+    TimecodeField& field = *panel_.sessionStartField();
+    QTest::keyClicks(&field, u"29"_s);
+    EXPECT_TRUE(field.isValid());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !field.isValid(); }, kTimeoutMs));
+    QTest::keyClick(&field, Qt::Key_Backspace);
+    EXPECT_EQ(field.digits(), u"00000002"_s);
+    EXPECT_TRUE(field.isValid());
 }
 
 TEST_F(PanelOnClips, ScansAndExportsWhatTheCommandLineToolWrites)

@@ -46,7 +46,8 @@ struct ViewModelServices
 /// the reading of its events, loadVideoInfo) runs on threads the view model owns and comes back
 /// by queued calls with the view model as context; no call on the interface thread waits for a
 /// worker except on destruction. Change signals are emitted on the interface thread, when the
-/// value changed, with the new value.
+/// value changed, with the new value; the two validity flags announce every store, changed or
+/// not (the timecode fields take the stored verdict back from their own each time).
 ///
 /// Scans: every cancelScan() (and so every startScan()) increments a generation counter; a scan's
 /// result and events are applied only while the generation it was started with is current, so
