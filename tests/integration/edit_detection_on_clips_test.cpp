@@ -26,14 +26,13 @@ constexpr const char* kClips[] = {"h264-gop12.mp4",
 
 TEST(EditDetectionOnClips, FindsTheCutsOfEveryClipAtTheirExactFrames)
 {
-    const media_ffmpeg::FFmpegAssetOpener opener;
     for (const char* clip : kClips) {
         SCOPED_TRACE(clip);
         std::vector<double> reports;
-        const auto markers = detectEditsByDecoding(opener,
-                                                   media_ffmpeg::testing::clipPath(clip),
-                                                   [&reports](double p) { reports.push_back(p); },
-                                                   {});
+        const media::AssetPointer asset = media_ffmpeg::testing::openClip(clip);
+        const media::TrackPointer track = media_ffmpeg::testing::firstVideoTrack(asset);
+        const auto markers = detectEditsByDecoding(
+            *asset, *track, [&reports](double p) { reports.push_back(p); }, {});
         ASSERT_TRUE(markers) << markers.error().description;
         std::vector<std::int64_t> frames;
         for (const core::EditMarker& marker : *markers) {

@@ -3,6 +3,7 @@
 #include <kestrin/app/export_rules.hpp>
 #include <kestrin/timecode/timecode.hpp>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <utility>
@@ -103,7 +104,7 @@ core::Expected<Options> parseOptions(std::span<const std::string_view> args)
         };
         const bool takesValue = arg == "--session-start" || arg == "--video-start"
                                 || arg == "--rate" || arg == "-o" || arg == "--output"
-                                || arg == "--marker-name";
+                                || arg == "--marker-name" || arg == "--detector";
         std::optional<std::string_view> given;
         if (takesValue) {
             given = value();
@@ -125,6 +126,11 @@ core::Expected<Options> parseOptions(std::span<const std::string_view> args)
             options.output = std::filesystem::path(*given);
         } else if (arg == "--marker-name") {
             options.markerName = *given;
+        } else if (arg == "--detector") {
+            if (!scan::findDetector(*given)) {
+                return usage("--detector: no detector called " + std::string(*given));
+            }
+            options.detector = *given;
         } else if (arg == "--drop-frame") {
             options.dropFrame = true;
         } else if (arg == "--non-drop-frame") {
@@ -178,6 +184,13 @@ core::Expected<Options> parseOptions(std::span<const std::string_view> args)
 
 std::string helpText()
 {
+    std::string detectors;
+    for (const scan::Detector& detector : scan::allDetectors()) {
+        // Under the option, the descriptions in the column of the others.
+        std::string name = "    " + detector.name;
+        name.resize(std::max<std::size_t>(name.size() + 1, 23), ' ');
+        detectors += name + detector.summary + "\n";
+    }
     return R"(Usage: kestrin-scan [options] VIDEO...
 
 Finds the picture cuts of each video and writes them as markers to <name>_Markers.mid beside it.
@@ -193,7 +206,10 @@ Options:
   --no-midi            scan only, write no MIDI file
   --marker-name TEXT   text of the cut markers; {n} is the cut's number, {tc} its
                        timecode (default: a single space)
-  --json               print one JSON object per video
+  --detector NAME      how cuts are found (default: )"
+           + std::string(scan::kDefaultDetectorName) + R"():
+)" + detectors
+           + R"(  --json               print one JSON object per video
   -q, --quiet          no progress bar, no line per successful video
   -v, --verbose        print the scan's diagnostics to standard error
   -h, --help           print this help

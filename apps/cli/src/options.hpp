@@ -1,6 +1,7 @@
 #pragma once
 
 #include <kestrin/core/error.hpp>
+#include <kestrin/scan/detector.hpp>
 
 #include <filesystem>
 #include <optional>
@@ -23,6 +24,8 @@ struct Options
     std::optional<std::filesystem::path> output;
     bool writeMIDI = true;
     std::string markerName = " ";
+    /// --detector: the name of a detector scan::findDetector() knows.
+    std::string detector = std::string(scan::kDefaultDetectorName);
     bool json = false;
     bool quiet = false;
     bool verbose = false;

@@ -75,7 +75,8 @@ std::string jsonLine(const VideoReport& report)
         const CutReport& cut = report.cuts[i];
         line += (i == 0 ? "" : ",");
         line += "{\"frameIndex\":" + std::to_string(cut.frameIndex) + ",\"seconds\":"
-                + shortest(cut.seconds) + ",\"timecode\":" + jsonString(cut.timecode) + "}";
+                + shortest(cut.seconds) + ",\"timecode\":" + jsonString(cut.timecode)
+                + ",\"confidence\":" + (cut.confidence ? shortest(*cut.confidence) : "null") + "}";
     }
     line += "],\"midi\":";
     line += report.midi ? jsonString(report.midi->string()) : "null";

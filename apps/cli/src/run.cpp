@@ -42,6 +42,16 @@ core::Expected<Bytes> numberedMarkerFile(const app::MarkerExport& request,
         names);
 }
 
+// The scan's steps with the detector called `name` (checked by the option parser).
+scan::ScanSteps stepsWith(std::string_view name)
+{
+    scan::ScanSteps steps;
+    if (std::optional<scan::Detector> detector = scan::findDetector(name)) {
+        steps.detector = std::move(*detector);
+    }
+    return steps;
+}
+
 }  // namespace
 
 void Interruption::interrupt()
@@ -104,7 +114,7 @@ VideoRunner::VideoRunner(const Options& options,
                          Interruption& interruption)
     : options_(options)
     , opener_(opener)
-    , service_(std::move(opener), std::move(log))
+    , service_(std::move(opener), std::move(log), stepsWith(options.detector))
     , interruption_(interruption)
 {}
 
@@ -167,7 +177,7 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
     for (const core::EditMarker& marker : *markers) {
         const std::string tc =
             timecode::timecodeTextForFrame(start + marker.frameIndex, base, counting).value_or("");
-        report.cuts.push_back({marker.frameIndex, marker.time.seconds(), tc});
+        report.cuts.push_back({marker.frameIndex, marker.time.seconds(), tc, marker.confidence});
         if (marker.frameIndex > previous) {  // the markers frameDeltas keeps
             cutTexts.push_back(markerText(
                 options_.markerName, static_cast<std::int64_t>(cutTexts.size()) + 1, tc));

@@ -23,6 +23,8 @@ struct CutReport
     std::int64_t frameIndex = 0;
     double seconds = 0;
     std::string timecode;  ///< on the session timeline: Video Start + the cut's frame
+    /// How sure the detector is of the cut, 0 to 1; absent when it does not say.
+    std::optional<float> confidence;
 };
 
 /// The outcome of one video: either an error or what was found (and written).

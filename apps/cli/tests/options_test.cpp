@@ -46,6 +46,7 @@ TEST(CliOptions, UsageErrorsNameTheOption)
         {{"--video-start", "now", "a.mov"}, "--video-start"},
         {{"-o", "x.mid", "a.mov", "b.mov"}, "--output"},
         {{"--json=yes", "a.mov"}, "--json"},
+        {{"--detector", "best", "a.mov"}, "--detector"},
     };
     for (const auto& [args, named] : rows) {
         const auto options = parse(args);
@@ -54,6 +55,16 @@ TEST(CliOptions, UsageErrorsNameTheOption)
             << options.error().description;
     }
     EXPECT_TRUE(parse({"--rate", "25", "--session-start", "00:01:00;00", "a.mov"}).hasValue());
+}
+
+TEST(CliOptions, EveryDetectorCanBeChosenAndIsListedInTheHelp)
+{
+    EXPECT_EQ(parse({"a.mov"})->detector, scan::kDefaultDetectorName);
+    for (const scan::Detector& detector : scan::allDetectors()) {
+        EXPECT_EQ(parse({"--detector", detector.name, "a.mov"})->detector, detector.name);
+        EXPECT_NE(helpText().find("    " + detector.name + " "), std::string::npos)
+            << detector.name;
+    }
 }
 
 TEST(CliReport, JsonStringsAndMarkerTexts)
@@ -67,6 +78,12 @@ TEST(CliReport, JsonStringsAndMarkerTexts)
     failed.error = core::Error{"FFmpeg", -2, "No such file or directory"};
     EXPECT_EQ(jsonLine(failed),
               R"({"file":"dir/\"odd\".mp4","error":"No such file or directory"})");
+    VideoReport found;
+    found.file = "a.mov";
+    found.cuts = {{50, 2.0, "01:00:02:00", 0.75F}, {100, 4.0, "01:00:04:00", std::nullopt}};
+    const std::string line = jsonLine(found);
+    EXPECT_NE(line.find(R"("timecode":"01:00:02:00","confidence":0.75})"), std::string::npos);
+    EXPECT_NE(line.find(R"("timecode":"01:00:04:00","confidence":null})"), std::string::npos);
     EXPECT_EQ(defaultMIDIPath("dir/clip.v1.mov"), std::filesystem::path("dir/clip.v1_Markers.mid"));
 }
 

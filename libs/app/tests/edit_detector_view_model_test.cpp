@@ -133,27 +133,18 @@ public:
     scan::ScanSteps steps()
     {
         scan::ScanSteps steps;
-        steps.decideTrust = [this](const media::Asset&, const media::Track&, const core::Log&) {
+        steps.decideMode = [this](const media::Asset&, const media::Track&, const core::Log&) {
             const std::scoped_lock lock(mutex_);
-            return core::Expected<bool>(trusted_);
+            return core::Expected<core::ScanMode>(trusted_ ? core::ScanMode::trustedKeyframes
+                                                           : core::ScanMode::noKeyframes);
         };
-        steps.collectSyncs = [](const media::Track&, const core::Log&) {
-            return core::Expected<std::vector<core::SyncSample>>(std::vector<core::SyncSample>(1));
+        const auto scripted = [this](const scan::DetectionContext& context,
+                                     const std::vector<EditMarker>&) {
+            return run(context.reportProgress, context.stopToken);
         };
-        steps.confirmEdits = [this](const media::Asset&,
-                                    const media::Track&,
-                                    const std::vector<core::SyncSample>&,
-                                    const scan::ProgressCallback& report,
-                                    const core::Log&,
-                                    const std::stop_token& stopToken) {
-            return run(report, stopToken);
-        };
-        steps.detectEdits = [this](const media::AssetOpener&,
-                                   const std::filesystem::path&,
-                                   const scan::ProgressCallback& report,
-                                   const std::stop_token& stopToken) {
-            return run(report, stopToken);
-        };
+        steps.detector = scan::Detector{.name = "scripted",
+                                        .keyframeStages = {{scripted, 1.0}},
+                                        .fullDecodeStages = {{scripted, 1.0}}};
         return steps;
     }
 

@@ -155,34 +155,17 @@ std::vector<core::EditMarker> mergeNearbyMarkers(std::vector<core::EditMarker> m
 }
 
 core::Expected<std::vector<core::EditMarker>> detectEditsByDecoding(
-    const media::AssetOpener& opener,
-    const std::filesystem::path& path,
+    const media::Asset& asset,
+    const media::Track& track,
     const ProgressCallback& reportProgress,
     std::stop_token stopToken,
     const DetectionOptions& options)
 {
-    const auto asset = opener.openAsset(path, stopToken);
-    if (!asset) {
-        return asset.error();
-    }
-    const auto duration = (*asset)->duration();
+    const auto duration = asset.duration();
     if (!duration) {
         return duration.error();
     }
-    const auto tracks = (*asset)->tracks();
-    if (!tracks) {
-        return tracks.error();
-    }
-    const auto video = std::find_if(tracks->begin(), tracks->end(), [](const auto& track) {
-        return track->mediaType() == media::MediaType::video;
-    });
-    if (video == tracks->end()) {
-        return std::vector<core::EditMarker>{};
-    }
-    const media::Asset& theAsset = **asset;
-    const media::Track& track = **video;
-
-    auto reader = makeTrackReader(theAsset, track, stopToken);
+    auto reader = makeTrackReader(asset, track, stopToken);
     if (!reader) {
         return reader.error();
     }
@@ -232,7 +215,7 @@ core::Expected<std::vector<core::EditMarker>> detectEditsByDecoding(
         [&](std::int64_t frame,
             std::stop_token token) -> core::Expected<std::optional<core::EditMarker>> {
         if (refine) {
-            return refine(frame, theAsset, track, std::move(token));
+            return refine(frame, asset, track, std::move(token));
         }
         if (timelineRate) {
             if (token.stop_requested()) {
@@ -240,7 +223,7 @@ core::Expected<std::vector<core::EditMarker>> detectEditsByDecoding(
             }
             return refineFromTimeline(frame, pass.timeline, *timelineRate, duration->seconds());
         }
-        return refineAround(frame, theAsset, track, std::move(token));
+        return refineAround(frame, asset, track, std::move(token));
     };
     const int width =
         refineWidthFor(options.processorCount.value_or(std::thread::hardware_concurrency()));

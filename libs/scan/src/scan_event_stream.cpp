@@ -61,10 +61,9 @@ bool ScanEventStream::reportProgress(double fraction)
     return push(core::ProgressEvent::progress(limitFraction(fraction)));
 }
 
-bool ScanEventStream::reportMode(bool trusted)
+bool ScanEventStream::reportMode(core::ScanMode mode)
 {
-    return push(core::ProgressEvent::mode(trusted ? core::ScanMode::trustedKeyframes
-                                                  : core::ScanMode::noKeyframes));
+    return push(core::ProgressEvent::mode(mode));
 }
 
 void ScanEventStream::finishEvents(std::optional<double> finalFraction)

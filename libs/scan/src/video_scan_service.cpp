@@ -1,9 +1,8 @@
-#include <kestrin/scan/edit_confirmation.hpp>
-#include <kestrin/scan/edit_detection.hpp>
 #include <kestrin/scan/keyframe_trust.hpp>
 #include <kestrin/scan/scan_error.hpp>
 #include <kestrin/scan/video_scan_service.hpp>
 
+#include <algorithm>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
@@ -15,33 +14,21 @@ namespace kestrin::scan {
 
 using ScanOutcome = core::Expected<std::vector<core::EditMarker>>;
 
+core::Expected<core::ScanMode> decideScanMode(const media::Asset& asset,
+                                              const media::Track& track,
+                                              const core::Log& log)
+{
+    const core::Expected<bool> trusted =
+        keyframesTrustable(asset, track, KeyframeTrustParameters{}, log);
+    if (!trusted) {
+        return trusted.error();
+    }
+    return *trusted ? core::ScanMode::trustedKeyframes : core::ScanMode::noKeyframes;
+}
+
 ScanSteps::ScanSteps()
-    : decideTrust([](const media::Asset& asset, const media::Track& track, const core::Log& log) {
-        return keyframesTrustable(asset, track, KeyframeTrustParameters{}, log);
-    })
-    , collectSyncs([](const media::Track& track, const core::Log& log) {
-        return collectSyncSamplesFast(track, log);
-    })
-    , confirmEdits([](const media::Asset& asset,
-                      const media::Track& track,
-                      const std::vector<core::SyncSample>& syncs,
-                      const ProgressCallback& reportProgress,
-                      const core::Log& log,
-                      std::stop_token stopToken) {
-        return confirmEditsNearSyncs(asset,
-                                     track,
-                                     syncs,
-                                     ConfirmationParameters{},
-                                     reportProgress,
-                                     log,
-                                     std::move(stopToken));
-    })
-    , detectEdits([](const media::AssetOpener& opener,
-                     const std::filesystem::path& path,
-                     const ProgressCallback& reportProgress,
-                     std::stop_token stopToken) {
-        return detectEditsByDecoding(opener, path, reportProgress, std::move(stopToken));
-    })
+    : decideMode(decideScanMode)
+    , detector(defaultDetector())
 {}
 
 namespace {
@@ -103,60 +90,74 @@ private:
         }
         const media::Track& track = *videoTracks->front();
 
-        if (!steps_.decideTrust) {
-            return scan_error::stepUnavailable("trust decision");
+        if (!steps_.decideMode) {
+            return scan_error::stepUnavailable("mode decision");
         }
-        const core::Expected<bool> trusted = steps_.decideTrust(asset, track, log_);
+        const core::Expected<core::ScanMode> mode = steps_.decideMode(asset, track, log_);
         if (stopToken.stop_requested()) {
             return scan_error::cancelled();
         }
-        if (!trusted) {
-            return trusted.error();
+        if (!mode) {
+            return mode.error();
         }
-        log_.line(*trusted ? "🧭 trusted? true" : "🧭 trusted? false");
-        events_->reportMode(*trusted);
+        const bool isTrusted = *mode == core::ScanMode::trustedKeyframes;
+        log_.line(isTrusted ? "🧭 trusted? true" : "🧭 trusted? false");
+        events_->reportMode(*mode);
+        return runStages(asset, track, *mode, stopToken);
+    }
 
-        const ProgressCallback reportProgress = [events = events_](double fraction) {
-            events->reportProgress(fraction);
-        };
-        std::optional<ScanOutcome> markers;
-        if (*trusted) {
-            if (!steps_.collectSyncs) {
-                return scan_error::stepUnavailable("sync-sample collection");
+    // Runs the detector's stages for `mode`, each on the candidates of the one before, and ends
+    // the events of a successful scan.
+    ScanOutcome runStages(const media::Asset& asset,
+                          const media::Track& track,
+                          core::ScanMode mode,
+                          const std::stop_token& stopToken) const
+    {
+        const std::vector<DetectionStage>& stages = steps_.detector.stagesFor(mode);
+        double totalShare = 0.0;
+        for (const DetectionStage& stage : stages) {
+            totalShare += std::max(stage.progressShare, 0.0);
+        }
+        std::vector<core::EditMarker> markers;
+        double shareDone = 0.0;
+        for (const DetectionStage& stage : stages) {
+            if (!stage.run) {
+                return scan_error::stepUnavailable("detection stage of " + steps_.detector.name);
             }
-            const core::Expected<std::vector<core::SyncSample>> syncs =
-                steps_.collectSyncs(track, log_);
+            const double share =
+                totalShare > 0.0 ? std::max(stage.progressShare, 0.0) / totalShare : 0.0;
+            std::optional<core::ScanMode> switchedTo;
+            const DetectionContext context{
+                .asset = asset,
+                .track = track,
+                .mode = mode,
+                .log = log_,
+                .stopToken = stopToken,
+                .reportProgress =
+                    [events = events_, start = shareDone, share](double fraction) {
+                        events->reportProgress(start + std::clamp(fraction, 0.0, 1.0) * share);
+                    },
+                .switchMode = [&switchedTo](core::ScanMode to) { switchedTo = to; },
+            };
+            core::Expected<std::vector<core::EditMarker>> found =
+                stage.run(context, std::move(markers));
             if (stopToken.stop_requested()) {
                 return scan_error::cancelled();
             }
-            if (!syncs) {
-                return syncs.error();
+            if (!found) {
+                return found.error();
             }
-            if (syncs->empty()) {
-                // Nothing to confirm: no edits. Decoding the whole file instead is deliberately
-                // not tried; the consumer learns the mode changed and the scan is done.
+            markers = std::move(*found);
+            if (switchedTo) {
                 events_->reportProgress(1.0);
-                events_->reportMode(false);
+                events_->reportMode(*switchedTo);
                 events_->finishEvents();
-                return std::vector<core::EditMarker>{};
+                return markers;
             }
-            if (!steps_.confirmEdits) {
-                return scan_error::stepUnavailable("edit confirmation");
-            }
-            markers = steps_.confirmEdits(asset, track, *syncs, reportProgress, log_, stopToken);
-        } else {
-            if (!steps_.detectEdits) {
-                return scan_error::stepUnavailable("full-decode detection");
-            }
-            markers = steps_.detectEdits(*opener_, path_, reportProgress, stopToken);
+            shareDone += share;
         }
-        if (stopToken.stop_requested()) {
-            return scan_error::cancelled();
-        }
-        if (*markers) {
-            events_->finishEvents(1.0);
-        }
-        return std::move(*markers);
+        events_->finishEvents(1.0);
+        return markers;
     }
 
     std::shared_ptr<const media::AssetOpener> opener_;

@@ -81,8 +81,6 @@ struct Detection
 // Detects, refining with refineAround unless every refinement is to give `outcome`.
 Detection detect(const Asset& asset, std::optional<Outcome> outcome = {}, std::stop_token stop = {})
 {
-    media_testing::SyntheticAssetOpener opener;
-    opener.add("clip.mov", asset);
     Detection run;
     std::mutex mutex;  // refinements run on several threads
     DetectionOptions options;
@@ -91,7 +89,8 @@ Detection detect(const Asset& asset, std::optional<Outcome> outcome = {}, std::s
         run.refined.push_back(frame);
         return outcome ? *outcome : refineAround(frame, a, t, std::move(s));
     };
-    run.result = detectEditsByDecoding(opener, "clip.mov", std::ref(run), std::move(stop), options);
+    const media::TrackPointer track = asset->tracks()->front();
+    run.result = detectEditsByDecoding(*asset, *track, std::ref(run), std::move(stop), options);
     std::ranges::sort(run.refined);
     return run;
 }
@@ -221,12 +220,8 @@ TEST(DetectEditsByDecoding, FindsEveryCutNeedsEightScoresFallsBackAndPassesError
 
     const SyntheticTrack flat = shotsTrack(120, {});
     const SyntheticTrack track = shotsTrack(100, {40});
-    SyntheticTrack audio = track;
-    audio.mediaType = media::MediaType::audio;
     SyntheticTrack noRate = track;
     noRate.nominalFrameRate = kFault;
-    const auto noTracks = assetOf(track);
-    noTracks->failTrackLoad(kFault);
     std::stop_source stop;
     stop.request_stop();
     const Outcome none(std::nullopt);
@@ -239,9 +234,7 @@ TEST(DetectEditsByDecoding, FindsEveryCutNeedsEightScoresFallsBackAndPassesError
         // at least 18, are taken in frame order (equal scores) and thinned to one per 21 frames.
         {detect(assetOf(flat, MediaTime::make(120, 25)), none), Markers{}, {3, 24, 45}},
         {detect(assetOf(flat, MediaTime::make(120, 1)), none), Markers{}, {3, 24, 45, 66, 87, 108}},
-        {detect(assetOf(audio)), Markers{}, {}},
         {detect(assetOf(track, kFault)), kFault, {}},
-        {detect(noTracks), kFault, {}},
         {detect(assetOf(noRate)), kFault, {}},
         {detect(assetOf(track), kFault), kFault, {42}},
         {detect(assetOf(track), none, stop.get_token()), scan_error::cancelled(), {}},
@@ -252,9 +245,6 @@ TEST(DetectEditsByDecoding, FindsEveryCutNeedsEightScoresFallsBackAndPassesError
     }
     // The pass's one report, none after.
     EXPECT_EQ(std::get<0>(rows[0]).reports, std::vector<double>{0.0});
-    const media_testing::SyntheticAssetOpener empty;
-    EXPECT_EQ(detectEditsByDecoding(empty, "missing.mov", {}, {}).error(),
-              empty.openAsset("missing.mov", {}).error());
 }
 
 }  // namespace

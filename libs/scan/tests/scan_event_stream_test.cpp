@@ -13,7 +13,7 @@ namespace {
 TEST(ScanEventStream, KeepsTheOldestLimitsFractionsAndRefusesEventsAfterTheFinish)
 {
     ScanEventStream events;
-    events.reportMode(true);
+    events.reportMode(core::ScanMode::trustedKeyframes);
     for (int i = 1; i < 10; ++i) {
         EXPECT_EQ(events.reportProgress(i < 3 ? -i : i / 10.0), i < 8) << i;  // -1, -2 become 0
     }

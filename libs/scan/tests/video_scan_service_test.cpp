@@ -60,24 +60,25 @@ std::string drain(ScanEventStream& events)
     return seen;
 }
 
-// What the scripted steps answer; confirmation and detection report `fractions` first.
+// What the scripted steps answer; the detector's steps report `fractions` first.
 struct Script
 {
     Expected<bool> trusted = true;
-    Expected<std::vector<core::SyncSample>> syncs = std::vector<core::SyncSample>(1);
+    bool hasSyncs = true;
     std::vector<double> fractions = {};
     Expected<MarkerList> markers = kMarkers;
     bool throws = false;
 };
 
 // Steps that answer from `script` and append their names to `calls`, on the worker thread: read
-// `calls` after waitForResult(), which orders the accesses.
+// `calls` after waitForResult(), which orders the accesses. Keyframe mode runs one stage, full
+// decode two of equal shares, the second passing on what the first found.
 ScanSteps scriptedSteps(const Script& script, std::string& calls)
 {
-    const auto find = [&script, &calls](const char* name, const ProgressCallback& report) {
+    const auto find = [&script, &calls](const char* name, const DetectionContext& context) {
         calls += name;
         for (const double fraction : script.fractions) {
-            report(fraction);
+            context.reportProgress(fraction);
         }
         if (script.throws) {
             throw std::runtime_error("bad state");
@@ -85,55 +86,60 @@ ScanSteps scriptedSteps(const Script& script, std::string& calls)
         return script.markers;
     };
     ScanSteps steps;
-    steps.decideTrust = [&](const auto&, const media::Track& track, const auto&) {
+    steps.decideMode = [&](const auto&, const media::Track& track, const auto&) {
         calls += "trust" + std::to_string(track.trackIndex());
-        return script.trusted;
+        return script.trusted ? Expected<core::ScanMode>(
+                   *script.trusted ? core::ScanMode::trustedKeyframes : core::ScanMode::noKeyframes)
+                              : script.trusted.error();
     };
-    steps.collectSyncs = [&](const auto&, const auto&) {
-        calls += " syncs ";
-        return script.syncs;
+    const auto confirm = [&script, &calls, find](const DetectionContext& context, MarkerList) {
+        if (!script.hasSyncs) {
+            calls += " nosyncs";
+            context.switchMode(core::ScanMode::noKeyframes);
+            return Expected<MarkerList>(MarkerList{});
+        }
+        return find(" confirm", context);
     };
-    steps.confirmEdits = [find](
-                             const auto&, const auto&, const auto&, const auto& report, auto&&...) {
-        return find("confirm", report);
+    const auto detect = [find](const DetectionContext& context, MarkerList) {
+        return find(" detect", context);
     };
-    steps.detectEdits = [find](
-                            const auto&, const auto&, const ProgressCallback& report, auto&&...) {
-        return find(" detect", report);
+    const auto passOn = [&calls](const DetectionContext& context, MarkerList candidates) {
+        calls += " verify" + std::to_string(candidates.size());
+        context.reportProgress(1.0);
+        return Expected<MarkerList>(std::move(candidates));
     };
+    steps.detector = Detector{.name = "scripted",
+                              .keyframeStages = {{confirm, 1.0}},
+                              .fullDecodeStages = {{detect, 1.0}, {passOn, 1.0}}};
     return steps;
 }
 
 TEST(VideoScanService, EventSequencesAndResultsFollowTheOutcome)
 {
-    const std::vector<core::SyncSample> none;
     // Path, script, events, result and the steps called.
     const std::tuple<const char*, Script, const char*, Expected<MarkerList>, const char*> rows[] = {
         {"missing.mov", {}, "", Error{"POSIX", 2, "The file “missing.mov” does not exist."}, ""},
         {"audio.wav", {}, "", scan_error::noVideoTrack(), ""},
         {"clip.mov", {.trusted = kReadError}, "", kReadError, "trust1"},
-        {"clip.mov", {.syncs = none}, "T 1.0 N", MarkerList{}, "trust1 syncs "},
+        {"clip.mov", {.hasSyncs = false}, "T 1.0 N", MarkerList{}, "trust1 nosyncs"},
+        {"clip.mov", {.fractions = {0.25, 0.5}}, "T 0.25 0.5 1.0", kMarkers, "trust1 confirm"},
+        // Two stages of equal share: the first maps onto 0..0.5, the second onto 0.5..1.
         {"clip.mov",
-         {.fractions = {0.25, 0.5}},
-         "T 0.25 0.5 1.0",
+         {.trusted = false, .fractions = {-0.2, 0.3, 1.7}},
+         "N 0.0 0.15 0.5 1.0 1.0",
          kMarkers,
-         "trust1 syncs confirm"},
-        {"clip.mov",
-         {.trusted = false, .fractions = {-0.2, 0.3, 1.7}, .markers = MarkerList{}},
-         "N 0.0 0.3 1.0 1.0",
-         MarkerList{},
-         "trust1 detect"},
-        // An error after the mode event: no final progress.
+         "trust1 detect verify1"},
+        // An error after the mode event: no final progress, and no later stage.
         {"clip.mov",
          {.trusted = false, .fractions = {0.3}, .markers = kReadError},
-         "N 0.3",
+         "N 0.15",
          kReadError,
          "trust1 detect"},
         {"clip.mov",
          {.fractions = {0.5}, .throws = true},
          "T 0.5",
          scan_error::unexpectedFailure("bad state"),
-         "trust1 syncs confirm"},
+         "trust1 confirm"},
     };
     for (const auto& [path, script, events, result, calls] : rows) {
         SCOPED_TRACE(events);
@@ -159,13 +165,13 @@ TEST(VideoScanService, EventSequencesAndResultsFollowTheOutcome)
 
 TEST(VideoScanService, LateConsumerGetsTheOldestEightAndTheEnd)
 {
-    const Script script{.trusted = false, .fractions = {0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8}};
+    const Script script{.fractions = {0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8}};
     std::string calls;
     const VideoScanService service(
         makeOpener(), core::Log::discard(), scriptedSteps(script, calls));
     Scan scan = service.scanForEdits("clip.mov");
     ASSERT_TRUE(scan.handle.waitForResult());
-    EXPECT_EQ(drain(*scan.events), "N 0.1 0.2 0.3 0.4 0.5 0.6 0.7");
+    EXPECT_EQ(drain(*scan.events), "T 0.1 0.2 0.3 0.4 0.5 0.6 0.7");
     EXPECT_EQ(scan.events->droppedCount(), 2);  // 0.8 and the final 1.0
     EXPECT_TRUE(scan.events->hasEnded());
 
@@ -181,18 +187,18 @@ TEST(VideoScanService, LateConsumerGetsTheOldestEightAndTheEnd)
 ScanSteps blockingSteps(std::latch& started)
 {
     ScanSteps steps;
-    steps.decideTrust = [](auto&&...) {
-        return Expected<bool>(false);
+    steps.decideMode = [](auto&&...) {
+        return Expected<core::ScanMode>(core::ScanMode::noKeyframes);
     };
-    steps.detectEdits = [&started](
-                            const auto&, const auto&, const auto& report, std::stop_token stop) {
-        report(0.1);
+    const auto block = [&started](const DetectionContext& context, MarkerList) {
+        context.reportProgress(0.1);
         started.count_down();
         std::mutex mutex;
         std::unique_lock lock(mutex);
-        std::condition_variable_any().wait(lock, stop, [] { return false; });
+        std::condition_variable_any().wait(lock, context.stopToken, [] { return false; });
         return Expected<MarkerList>(kReadError);
     };
+    steps.detector = Detector{.name = "blocking", .fullDecodeStages = {{block, 1.0}}};
     return steps;
 }
 

@@ -7,7 +7,6 @@
 #include <kestrin/scan/refinement.hpp>
 
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <optional>
 #include <span>
@@ -89,7 +88,7 @@ struct DetectionOptions
     Refiner refine;
 };
 
-/// Finds the cuts of the first video track of the file at `path` by decoding it, for tracks whose
+/// Finds the cuts of `track` (a video track of `asset`) by decoding it, for tracks whose
 /// keyframes cannot be trusted to sit at cuts. One signature pass (scoreSignatures, every
 /// sampleStrideForRate()-th frame) scores how much each sampled frame changed; the frames whose
 /// score stands out from the median by kZThreshold robust deviations are the candidates (when
@@ -99,18 +98,16 @@ struct DetectionOptions
 /// markers that land together.
 ///
 /// Returns the markers ordered by frame index, without confidence; the empty list, with no error,
-/// when the file has no video track, when fewer than kMinimumScores frames were scored, or when no
-/// candidate is left.
+/// when fewer than kMinimumScores frames were scored, or when no candidate is left.
 ///
 /// Progress: the signature pass reports from 0 up to kSignatureWeight, then every finished
 /// refinement 0.3 + 0.7 x done / candidates; never decreasing. 1.0 is not reported: the caller
 /// ends the scan with it.
 ///
-/// Errors: the opener's error; a failed load of the duration, the tracks or the nominal frame
-/// rate; the errors of makeTrackReader and scoreSignatures; the first error of a refinement (the
-/// others are stopped and joined first). The signature reader is cancelled on every way out.
-/// A stop request through `stopToken` ends the pass or the refinements within one frame with
-/// scan_error::cancelled().
+/// Errors: a failed load of the asset's duration or the track's nominal frame rate; the errors of
+/// makeTrackReader and scoreSignatures; the first error of a refinement (the others are stopped
+/// and joined first). The signature reader is cancelled on every way out. A stop request through
+/// `stopToken` ends the pass or the refinements within one frame with scan_error::cancelled().
 ///
 /// Runs on the calling thread (never the interface's), which it blocks until the end; the
 /// refinements run on worker threads owned by the call, joined before it returns. Cost: the whole
@@ -118,8 +115,8 @@ struct DetectionOptions
 /// (at most 2 x kRefineHalfWidth + 1 frames around each candidate) only when the timeline is not
 /// usable. Memory: one timeline entry per frame besides the scores.
 [[nodiscard]] core::Expected<std::vector<core::EditMarker>> detectEditsByDecoding(
-    const media::AssetOpener& opener,
-    const std::filesystem::path& path,
+    const media::Asset& asset,
+    const media::Track& track,
     const ProgressCallback& reportProgress,
     std::stop_token stopToken,
     const DetectionOptions& options = {});

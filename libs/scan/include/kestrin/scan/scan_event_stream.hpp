@@ -49,9 +49,8 @@ public:
     /// push() does.
     bool reportProgress(double fraction);
 
-    /// Offers mode(trustedKeyframes) when `trusted`, mode(noKeyframes) otherwise. Returns as
-    /// push() does.
-    bool reportMode(bool trusted);
+    /// Offers mode(`mode`). Returns as push() does.
+    bool reportMode(core::ScanMode mode);
 
     /// Ends the scan's events: when `finalFraction` is given, first offers progress(c) as
     /// reportProgress() does (so it is lost when kCapacity events wait); then, in every case,

@@ -3,8 +3,8 @@
 #include <kestrin/core/edit_marker.hpp>
 #include <kestrin/core/error.hpp>
 #include <kestrin/core/log.hpp>
-#include <kestrin/core/sync_sample.hpp>
 #include <kestrin/media/asset.hpp>
+#include <kestrin/scan/detector.hpp>
 #include <kestrin/scan/frame_access.hpp>
 #include <kestrin/scan/scan_event_stream.hpp>
 
@@ -16,47 +16,26 @@
 
 namespace kestrin::scan {
 
-/// The operations a scan calls, in the order it calls them. Each runs on the scan's worker thread
-/// and returns its value or the error that ends the scan. Steps that take a stop token should
-/// return soon after it is stopped (with any error: the scan then ends as cancelled); steps that
-/// take none are bounded by themselves, and the scan tests for a stop request around them.
-///
-/// A default-constructed ScanSteps runs the real operations with the values a scan uses:
-/// keyframesTrustable() with the default KeyframeTrustParameters, collectSyncSamplesFast(),
-/// confirmEditsNearSyncs() with the default ConfirmationParameters and detectEditsByDecoding().
-/// A step left empty by a test makes a scan that needs it end with scan_error::stepUnavailable().
+/// Decides how a scan looks for the edits of `track` (a video track of `asset`): trustedKeyframes
+/// when its sync samples can be trusted to sit at cuts. Runs on the scan's worker thread; its
+/// error ends the scan.
+using ModeDecision = std::function<core::Expected<core::ScanMode>(
+    const media::Asset& asset, const media::Track& track, const core::Log& log)>;
+
+/// The real decision: keyframesTrustable() with the default KeyframeTrustParameters.
+[[nodiscard]] core::Expected<core::ScanMode> decideScanMode(const media::Asset& asset,
+                                                            const media::Track& track,
+                                                            const core::Log& log);
+
+/// What a scan does besides opening the file: how it decides the mode, and the detector whose
+/// stages for that mode find the edits. A default-constructed one uses decideScanMode() and
+/// defaultDetector().
 struct ScanSteps
 {
-    /// Whether the sync samples of `track` (a video track of `asset`) sit at cuts.
-    using TrustDecision = std::function<core::Expected<bool>(
-        const media::Asset& asset, const media::Track& track, const core::Log& log)>;
-    /// The sync samples of `track` in decode order.
-    using SyncCollection = std::function<core::Expected<std::vector<core::SyncSample>>(
-        const media::Track& track, const core::Log& log)>;
-    /// The edits among `syncs` (not empty), ordered by frame index; reports progress through
-    /// `reportProgress`.
-    using Confirmation = std::function<core::Expected<std::vector<core::EditMarker>>(
-        const media::Asset& asset,
-        const media::Track& track,
-        const std::vector<core::SyncSample>& syncs,
-        const ProgressCallback& reportProgress,
-        const core::Log& log,
-        std::stop_token stopToken)>;
-    /// The edits of the file at `path` found by decoding it whole (it opens the file again through
-    /// `opener`), ordered by frame index; reports progress through `reportProgress`.
-    using Detection = std::function<core::Expected<std::vector<core::EditMarker>>(
-        const media::AssetOpener& opener,
-        const std::filesystem::path& path,
-        const ProgressCallback& reportProgress,
-        std::stop_token stopToken)>;
-
-    /// Every step wired to the real operation (see above).
     ScanSteps();
 
-    TrustDecision decideTrust;
-    SyncCollection collectSyncs;
-    Confirmation confirmEdits;
-    Detection detectEdits;
+    ModeDecision decideMode;
+    Detector detector;
 };
 
 namespace detail {
@@ -117,14 +96,13 @@ struct Scan
 
 /// Turns a video file into its edits (cuts), one scan per call, each on its own worker thread.
 ///
-/// A scan opens the file, takes its first video track and asks whether its keyframes can be
-/// trusted (logging "🧭 trusted? true" or "🧭 trusted? false"), sends that as a mode event,
-/// then:
-///   - trusted: lists the sync samples; none means no edits (events progress(1.0) then
-///     mode(noKeyframes)); otherwise confirms them, then sends progress(1.0);
-///   - not trusted: detects the edits by decoding the whole file, then sends progress(1.0).
-/// Any error ends the scan with that error and a stream finished without a final progress event;
-/// an error before the mode event leaves the stream without any event.
+/// A scan opens the file, takes its first video track and decides the mode (logging
+/// "🧭 trusted? true" or "🧭 trusted? false"), sends it as a mode event, then runs the
+/// detector's stages for that mode in order, each on the candidates of the one before, and sends
+/// progress(1.0). The stages share the progress between them in proportion to their shares. A
+/// stage that switches the mode ends the scan with its result after progress(1.0) and the new
+/// mode. Any error ends the scan with that error and a stream finished without a final progress
+/// event; an error before the mode event leaves the stream without any event.
 ///
 /// The service keeps nothing between scans: scans started by separate calls share nothing but
 /// the opener, the log and the steps, which they only call. Destroying the service does not stop
