@@ -7,7 +7,7 @@ namespace kestrin::scan {
 std::vector<Detector> allDetectors()
 {
     // The default first: --help lists them in this order.
-    return {classicDetector()};
+    return {verifiedDetector(), classicDetector()};
 }
 
 std::optional<Detector> findDetector(std::string_view name)

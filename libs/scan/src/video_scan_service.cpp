@@ -119,6 +119,7 @@ private:
             totalShare += std::max(stage.progressShare, 0.0);
         }
         std::vector<core::EditMarker> markers;
+        CutEvidenceStore evidence;
         double shareDone = 0.0;
         for (const DetectionStage& stage : stages) {
             if (!stage.run) {
@@ -138,6 +139,7 @@ private:
                         events->reportProgress(start + std::clamp(fraction, 0.0, 1.0) * share);
                     },
                 .switchMode = [&switchedTo](core::ScanMode to) { switchedTo = to; },
+                .evidence = evidence,
             };
             core::Expected<std::vector<core::EditMarker>> found =
                 stage.run(context, std::move(markers));

@@ -5,6 +5,7 @@
 #include <kestrin/core/log.hpp>
 #include <kestrin/core/scan_mode.hpp>
 #include <kestrin/media/asset.hpp>
+#include <kestrin/scan/cut_evidence.hpp>
 #include <kestrin/scan/frame_access.hpp>
 
 #include <functional>
@@ -36,6 +37,10 @@ struct DetectionContext
     /// sample): tells the scan the mode that does. The scan then ends with the step's result,
     /// sending progress(1.0) and the new mode as its last events; later steps do not run.
     std::function<void(core::ScanMode)> switchMode;
+    /// What the steps of this scan found out about picture changes, for the steps after them: a
+    /// step that decodes frames leaves the evidence of its candidates here, so that verifyCuts()
+    /// need not decode them again.
+    CutEvidenceStore& evidence;
 };
 
 /// One step of a detector: from the candidates of the step before it (none for the first step)
@@ -69,7 +74,7 @@ struct Detector
 };
 
 /// The name of the detector a scan uses unless told otherwise.
-inline constexpr std::string_view kDefaultDetectorName = "classic";
+inline constexpr std::string_view kDefaultDetectorName = "default";
 
 /// Every detector there is, the default first. Adding one: a file that makes it, and one line in
 /// detector_registry.cpp. Cost: builds the list on every call (a few function objects).
@@ -80,6 +85,50 @@ inline constexpr std::string_view kDefaultDetectorName = "classic";
 
 /// The detector a scan uses unless told otherwise (kDefaultDetectorName).
 [[nodiscard]] Detector defaultDetector();
+
+/// The detector a sound editor can rely on: every candidate verified from the frames around it
+/// (verifyCuts), every marker on the first frame of its new shot in presentation order, with its
+/// time and a confidence. Full decode: boundaryPassStep, then verifyCuts. Keyframe mode:
+/// syncWindowStep, then verifyCuts.
+[[nodiscard]] Detector verifiedDetector();
+
+/// Decodes the whole track once as 96 x 54 luma and hands every frame to a BoundaryAnalyzer: each
+/// change worth judging becomes a candidate (its frame counted in presentation order from 0, its
+/// time the frame's own) with its evidence in the context's store. Progress by the frames'
+/// times against the asset's duration, every kProgressInterval frames.
+///
+/// Errors: a failed load of the asset's duration; the errors of makeTrackReader; the reader's
+/// error, else scan_error::failedToStartReading() or readerFailedDuringIteration();
+/// scan_error::cancelled() on a stop (tested once per frame). Cost: one decode of the track and
+/// one motion residual per frame; holds a handful of planes and one float per frame.
+[[nodiscard]] core::Expected<std::vector<core::EditMarker>> boundaryPassStep(
+    const DetectionContext& context, std::vector<core::EditMarker> candidates);
+
+/// For every sync sample (collectSyncSamplesFast; none switches the scan to noKeyframes), decodes
+/// kWindowFrames frames either side of it through a BoundaryAnalyzer and takes the strongest change
+/// worth judging within kSyncReach frames of it (an open GOP puts a cut's first frames before
+/// the sync sample in presentation order) as a candidate with its evidence. Frames are numbered
+/// by their time at frameRateRational(track). Progress after each sync sample.
+///
+/// Errors: as decodeWindowFrames; scan_error::cancelled() on a stop. Cost: windows decoded one
+/// after another, the track's decoder handed from each to the next.
+[[nodiscard]] core::Expected<std::vector<core::EditMarker>> syncWindowStep(
+    const DetectionContext& context, std::vector<core::EditMarker> candidates);
+
+/// Frames decoded either side of a sync sample or a candidate without evidence.
+inline constexpr int kWindowFrames = 12;
+/// How far from its sync sample a cut is looked for.
+inline constexpr int kSyncReach = 3;
+
+/// The verification stage: keeps the candidates that judgeCut() finds to be cuts, with its
+/// confidence, and drops flashes, dissolves, fades and motion. Evidence comes from the context's
+/// store; a candidate without any is judged on the frames kWindowFrames either side of it,
+/// decoded here (the strongest change worth judging within 2 frames of it stands for it). Logs
+/// "verifyCuts: kept K of N candidates (W weak, G gradual, F flash)." Progress per candidate.
+///
+/// Errors: those of decoding a neighbourhood (as decodeWindowFrames); scan_error::cancelled().
+[[nodiscard]] core::Expected<std::vector<core::EditMarker>> verifyCuts(
+    const DetectionContext& context, std::vector<core::EditMarker> candidates);
 
 /// The two detectors the tool began with, unchanged, for comparison and for files where they do
 /// better: in keyframe mode the sync samples confirmed by confirmEditsNearSyncs (a marker carries

@@ -1,0 +1,177 @@
+#include <kestrin/scan/cut_evidence.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+namespace kestrin::scan {
+namespace {
+
+// Below this a change is not looked at further, whatever came before it (luma levels).
+constexpr float kLookFloor = 1.0F;
+// A change is looked at when it reaches this multiple of the median of the changes before it.
+constexpr float kLookRise = 1.5F;
+constexpr float kNormalConsistency = 1.4826F;
+
+float medianOf(std::vector<float> values)
+{
+    if (values.empty()) {
+        return 0.0F;
+    }
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2.0F;
+}
+
+}  // namespace
+
+const BoundaryAnalyzer::HeldFrame& BoundaryAnalyzer::held(std::int64_t position) const
+{
+    return frames_[static_cast<std::size_t>(position % kHeldFrames)];
+}
+
+void BoundaryAnalyzer::push(std::int64_t frameIndex,
+                            const core::MediaTime& time,
+                            const LumaPlane& plane)
+{
+    HeldFrame& slot = frames_[static_cast<std::size_t>(count_ % kHeldFrames)];
+    slot.frameIndex = frameIndex;
+    slot.time = time;
+    slot.plane = plane;
+    slot.contrast = lumaMoments(plane).deviation;
+    if (count_ == 0) {
+        residuals_.push_back(0.0F);
+    } else {
+        const MotionResidual residual = motionResidual(held(count_ - 1).plane, plane, motion_);
+        residuals_.push_back(residual.median);
+        motion_ = residual.motion;
+    }
+    ++count_;
+    // A change is examined once the kFlashFrames frames after it are here; the frames it compares
+    // reach back kFlashFrames + 1 before it, which the ring still holds.
+    while (nextToExamine_ + kFlashFrames <= count_ - 1) {
+        examine(nextToExamine_, count_ - 1);
+        ++nextToExamine_;
+    }
+    complete(false);
+}
+
+void BoundaryAnalyzer::finish()
+{
+    while (nextToExamine_ <= count_ - 1) {
+        examine(nextToExamine_, count_ - 1);
+        ++nextToExamine_;
+    }
+    complete(true);
+}
+
+std::vector<CutEvidence> BoundaryAnalyzer::takeEvidence()
+{
+    return std::exchange(ready_, {});
+}
+
+void BoundaryAnalyzer::examine(std::int64_t position, std::int64_t lastPosition)
+{
+    if (position < 1) {
+        return;
+    }
+    const auto at = [this](std::int64_t p) {
+        return residuals_[static_cast<std::size_t>(p)];
+    };
+    const float residual = at(position);
+    std::vector<float> prior;
+    for (std::int64_t p = std::max<std::int64_t>(1, position - kEvidenceReach); p < position; ++p) {
+        prior.push_back(at(p));
+    }
+    if (residual < kLookFloor || (!prior.empty() && residual < kLookRise * medianOf(prior))) {
+        return;
+    }
+
+    CutEvidence evidence;
+    evidence.frameIndex = held(position).frameIndex;
+    evidence.time = held(position).time;
+    evidence.residual = residual;
+    evidence.contrastBefore = held(position - 1).contrast;
+    evidence.contrastAfter = held(position).contrast;
+    for (std::int64_t k = 1; k <= kFlashFrames; ++k) {
+        if (position + k <= lastPosition) {
+            evidence.returnResidual =
+                std::min(evidence.returnResidual,
+                         motionResidual(held(position - 1).plane, held(position + k).plane).median);
+        }
+        if (position - 1 - k >= 0) {
+            evidence.returnResidual =
+                std::min(evidence.returnResidual,
+                         motionResidual(held(position - 1 - k).plane, held(position).plane).median);
+        }
+    }
+    for (std::int64_t p = position - 1; p >= std::max<std::int64_t>(1, position - kEvidenceReach);
+         --p) {
+        evidence.before.push_back(at(p));
+    }
+    waiting_.emplace_back(position, std::move(evidence));
+}
+
+void BoundaryAnalyzer::complete(bool isFinal)
+{
+    while (!waiting_.empty()
+           && (isFinal || waiting_.front().first + kEvidenceReach <= count_ - 1)) {
+        auto [position, evidence] = std::move(waiting_.front());
+        waiting_.pop_front();
+        for (std::int64_t p = position + 1; p <= std::min(position + kEvidenceReach, count_ - 1);
+             ++p) {
+            evidence.after.push_back(residuals_[static_cast<std::size_t>(p)]);
+        }
+        ready_.push_back(std::move(evidence));
+    }
+}
+
+CutVerdict judgeCut(const CutEvidence& evidence)
+{
+    const float residual = evidence.residual;
+    std::vector<float> around = evidence.before;
+    around.insert(around.end(), evidence.after.begin(), evidence.after.end());
+    const float centre = medianOf(around);
+    std::vector<float> deviations;
+    deviations.reserve(around.size());
+    for (const float value : around) {
+        deviations.push_back(std::abs(value - centre));
+    }
+    const float spread = kNormalConsistency * medianOf(deviations);
+    const float excess = residual - centre;
+    const float contrast = std::sqrt((evidence.contrastBefore * evidence.contrastBefore
+                                      + evidence.contrastAfter * evidence.contrastAfter)
+                                     / 2.0F);
+    // How far the change clears each bar: 1 when it just does.
+    const float aboveMotion = excess / std::max(kCutDeviations * spread, kMinimumCutExcess);
+    const float aboveContrast =
+        contrast > 0.0F ? excess / (kCutContrastShare * contrast) : aboveMotion;
+    if (!(aboveMotion >= 1.0F && aboveContrast >= 1.0F)) {
+        return {false, 0.0F, "weak"};
+    }
+    if (evidence.returnResidual < kReturnShare * residual) {
+        return {false, 0.0F, "flash"};
+    }
+    const float neighbour = std::max(evidence.before.empty() ? 0.0F : evidence.before.front(),
+                                     evidence.after.empty() ? 0.0F : evidence.after.front());
+    if (neighbour >= kGradualShare * residual) {
+        return {false, 0.0F, "gradual"};
+    }
+    const float strength = std::min(aboveMotion, aboveContrast);
+    const float confidence = (1.0F - 0.5F / strength) * (1.0F - neighbour / residual);
+    return {true, std::clamp(confidence, 0.0F, 1.0F), {}};
+}
+
+void CutEvidenceStore::add(CutEvidence evidence)
+{
+    const std::int64_t frame = evidence.frameIndex;
+    byFrame_.insert_or_assign(frame, std::move(evidence));
+}
+
+const CutEvidence* CutEvidenceStore::find(std::int64_t frameIndex) const
+{
+    const auto found = byFrame_.find(frameIndex);
+    return found == byFrame_.end() ? nullptr : &found->second;
+}
+
+}  // namespace kestrin::scan

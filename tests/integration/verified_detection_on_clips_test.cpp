@@ -1,0 +1,57 @@
+#include "clip_test_support.hpp"
+
+#include <kestrin/media_ffmpeg/ffmpeg_asset_opener.hpp>
+#include <kestrin/scan/video_scan_service.hpp>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kestrin::scan {
+namespace {
+
+// Every clip of the manifest with a picture track and at least one cut, and the mode its
+// keyframes put the scan in.
+TEST(VerifiedDetectionOnClips, EveryCutAtItsFrameInBothModes)
+{
+    const std::vector<std::string> unreadable = {
+        "truncated.mp4", "no-moov.mp4", "random.bin", "empty.mp4", "audio.m4a", "audio.wav"};
+    const VideoScanService service(std::make_shared<media_ffmpeg::FFmpegAssetOpener>(),
+                                   core::Log::discard());
+    std::ifstream manifest(media_ffmpeg::testing::clipPath("cuts.txt"));
+    int scanned = 0;
+    for (std::string line; std::getline(manifest, line);) {
+        const std::string clip = line.substr(0, line.find(' '));
+        if (std::ranges::find(unreadable, clip) != unreadable.end()) {
+            continue;
+        }
+        SCOPED_TRACE(clip);
+        Scan scan = service.scanForEdits(media_ffmpeg::testing::clipPath(clip));
+        core::ScanMode mode = core::ScanMode::noKeyframes;
+        while (const auto event = scan.events->next()) {
+            if (event->kind() == core::ProgressEvent::Kind::mode) {
+                mode = event->scanMode();
+            }
+        }
+        const auto markers = scan.handle.waitForResult();
+        ASSERT_TRUE(markers) << markers.error().description;
+        std::vector<std::int64_t> frames;
+        for (const core::EditMarker& marker : *markers) {
+            frames.push_back(marker.frameIndex);
+            EXPECT_TRUE(marker.confidence && *marker.confidence > 0.0F
+                        && *marker.confidence <= 1.0F)
+                << marker.frameIndex;
+        }
+        EXPECT_EQ(frames, media_ffmpeg::testing::cutsOf(clip));
+        EXPECT_EQ(mode == core::ScanMode::trustedKeyframes, clip == "h264-cuts.mp4");
+        ++scanned;
+    }
+    EXPECT_GE(scanned, 20);
+}
+
+}  // namespace
+}  // namespace kestrin::scan
