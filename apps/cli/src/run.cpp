@@ -31,7 +31,7 @@ core::Expected<Bytes> numberedMarkerFile(const app::MarkerExport& request,
     if (!offset) {
         return app::exportError(app::ExportError::invalidTimecode);
     }
-    const std::vector<std::int64_t> deltas = app::frameDeltas(request.markers);
+    const std::vector<std::int64_t> deltas = app::frameDeltas(request.markers, request.nominalFPS);
     const std::vector<std::int64_t> frames =
         midi::markerFrameList(deltas, std::max<std::int64_t>(*offset, 0), 0);
     std::vector<std::string> names = {"VIDEO START"};
@@ -175,13 +175,14 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
     std::vector<std::string> cutTexts;
     std::int64_t previous = 0;
     for (const core::EditMarker& marker : *markers) {
+        const std::int64_t frame = app::timecodeFrameOf(marker, rate);
         const std::string tc =
-            timecode::timecodeTextForFrame(start + marker.frameIndex, base, counting).value_or("");
+            timecode::timecodeTextForFrame(start + frame, base, counting).value_or("");
         report.cuts.push_back({marker.frameIndex, marker.time.seconds(), tc, marker.confidence});
-        if (marker.frameIndex > previous) {  // the markers frameDeltas keeps
+        if (frame > previous) {  // the markers frameDeltas keeps
             cutTexts.push_back(markerText(
                 options_.markerName, static_cast<std::int64_t>(cutTexts.size()) + 1, tc));
-            previous = marker.frameIndex;
+            previous = frame;
         }
     }
     if (!options_.writeMIDI || markers->empty()) {

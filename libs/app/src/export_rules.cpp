@@ -12,6 +12,8 @@ bool within(float rate, float named, float tolerance)
     return std::fabs(rate - named) < tolerance;
 }
 
+__extension__ using Int128 = __int128;
+
 constexpr float kDropFrameTolerance = 0.002F;
 constexpr float kRateTolerance = 0.01F;
 
@@ -55,12 +57,33 @@ bool effectiveDropFrame(float rate, const DropFrameSources& sources)
     return sources.userPrefersDropFrame.value_or(sources.detectedIsDropFrame.value_or(true));
 }
 
-std::vector<std::int64_t> frameDeltas(const std::vector<core::EditMarker>& markers)
+std::int64_t timecodeFrameOf(const core::EditMarker& marker, float nominalFPS)
+{
+    if (!marker.time.isNumeric() || marker.time.timescale <= 0) {
+        return marker.frameIndex;
+    }
+    const float rate = snapFrameRate(nominalFPS);
+    const int base = integerFrameRate(rate);
+    const bool isFractional = std::fabs(rate - static_cast<float>(base)) > kRateTolerance;
+    // frames = value x base x 1000 / (timescale x 1001) for the fractional rates, else
+    // value x base / timescale; rounded half away from zero, in 128 bits as times can be long.
+    const Int128 numerator =
+        static_cast<Int128>(marker.time.value) * base * (isFractional ? 1000 : 1);
+    const Int128 denominator =
+        static_cast<Int128>(marker.time.timescale) * (isFractional ? 1001 : 1);
+    const Int128 half = denominator / 2;
+    const Int128 frames =
+        numerator >= 0 ? (numerator + half) / denominator : -((-numerator + half) / denominator);
+    return static_cast<std::int64_t>(frames);
+}
+
+std::vector<std::int64_t> frameDeltas(const std::vector<core::EditMarker>& markers,
+                                      float nominalFPS)
 {
     std::vector<std::int64_t> indices;
     indices.reserve(markers.size());
     for (const core::EditMarker& marker : markers) {
-        indices.push_back(marker.frameIndex);
+        indices.push_back(timecodeFrameOf(marker, nominalFPS));
     }
     std::sort(indices.begin(), indices.end());
     std::vector<std::int64_t> deltas;
@@ -145,7 +168,7 @@ core::Expected<std::vector<std::uint8_t>> makeMIDIData(const MarkerExport& reque
     if (!offset) {
         return exportError(ExportError::invalidTimecode);
     }
-    return exporter.exportMarkerFile(frameDeltas(request.markers),
+    return exporter.exportMarkerFile(frameDeltas(request.markers, request.nominalFPS),
                                      exportRateCode(request.nominalFPS, request.dropFrame),
                                      request.markerName,
                                      "VIDEO START",

@@ -560,13 +560,15 @@ TEST_F(ViewModelTest, MakeMIDIDataHandsTheExporterDeltasOffsetAndRateCode)
         const char* videoStart;
         int rateCode;
         int offset;
+        const char* deltas;
     };
+    // The markers lie at 0.48 s and 1.2 s, so at other rates on other frames.
     const Row rows[] = {
-        {25.0F, {}, "01000000", "01000000", 11, 0},
-        {25.0F, {}, "01000000", "01000100", 11, 25},
-        {25.0F, {}, "01000100", "01000000", 11, 0},  // before the session: clamped
-        {29.97F, {}, "0", "00010002", 9, 1800},
-        {59.94F, false, "0", "100", 3, 60},
+        {25.0F, {}, "01000000", "01000000", 11, 0, "12 18"},
+        {25.0F, {}, "01000000", "01000100", 11, 25, "12 18"},
+        {25.0F, {}, "01000100", "01000000", 11, 0, "12 18"},  // before the session: clamped
+        {29.97F, {}, "0", "00010002", 9, 1800, "14 22"},
+        {59.94F, false, "0", "100", 3, 60, "29 43"},
     };
     for (const Row& row : rows) {
         model_->setNominalFPS(row.fps);
@@ -575,7 +577,7 @@ TEST_F(ViewModelTest, MakeMIDIDataHandsTheExporterDeltasOffsetAndRateCode)
         model_->setVideoStartDigits(row.videoStart);
         EXPECT_TRUE(model_->makeMIDIData().hasValue());
         EXPECT_EQ(*lastCall,
-                  "deltas 12 18 | code " + std::to_string(row.rateCode)
+                  "deltas " + std::string(row.deltas) + " | code " + std::to_string(row.rateCode)
                       + " | ' ' 'VIDEO START' | offset " + std::to_string(row.offset) + " 0");
     }
 

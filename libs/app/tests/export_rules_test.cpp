@@ -80,9 +80,36 @@ TEST(ExportRules, DeltasSkipFrameZeroAndRepeats)
     const auto marker = [](std::int64_t frame) {
         return core::EditMarker{frame, core::MediaTime::make(frame, 25), std::nullopt};
     };
-    EXPECT_EQ(frameDeltas({marker(130), marker(0), marker(50), marker(100), marker(50)}),
+    EXPECT_EQ(frameDeltas({marker(130), marker(0), marker(50), marker(100), marker(50)}, 25.0F),
               (std::vector<std::int64_t>{50, 50, 30}));
-    EXPECT_TRUE(frameDeltas({marker(0)}).empty());
+    EXPECT_TRUE(frameDeltas({marker(0)}, 25.0F).empty());
+}
+
+// A marker lies where its time falls on the session's timecode, whatever the video's own rate.
+TEST(ExportRules, TimecodeFramesComeFromTheMarkersTimes)
+{
+    using core::MediaTime;
+    struct Row
+    {
+        std::int64_t frameIndex;
+        MediaTime time;
+        float rate;
+        std::int64_t frame;
+    };
+    const Row rows[] = {
+        {30, MediaTime::make(2, 1), 15.0F, 48},           // 15 fps, snapped to 23.976 (24 frames)
+        {100, MediaTime::make(100, 120), 120.0F, 50},     // 120 fps, snapped to 60
+        {45, MediaTime::make(45045, 30000), 29.97F, 45},  // the file's own rate: its index
+        {45, MediaTime::make(1501500, 1000000), 29.97F, 45},  // on a microsecond clock
+        {7, MediaTime::make(7007, 24000), 23.976F, 7},
+        {12, MediaTime::make(12, 25), 25.0F, 12},
+        {1000, MediaTime::make(120'000'000'000'000, 1), 60.0F, 7'200'000'000'000'000},
+        {9, MediaTime::invalid(), 25.0F, 9},  // no time: the index
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(timecodeFrameOf({row.frameIndex, row.time, std::nullopt}, row.rate), row.frame)
+            << row.frameIndex << " at " << row.rate;
+    }
 }
 
 TEST(ExportRules, OffsetCountsFromSessionStartToVideoStart)

@@ -37,9 +37,19 @@ struct DropFrameSources
 /// there the user's choice, else the file's flag, else true.
 [[nodiscard]] bool effectiveDropFrame(float rate, const DropFrameSources& sources);
 
-/// The distances between the markers' frame indices, in ascending order from frame 0. Markers at
-/// frame 0 and repeated frame indices add nothing, so the deltas sum to the last frame index.
-[[nodiscard]] std::vector<std::int64_t> frameDeltas(const std::vector<core::EditMarker>& markers);
+/// The frame of the timecode at the snapped `nominalFPS` on which `marker` lies, counted from the
+/// video's start: the marker's own time times the exact rate (24000/1001 at 23.976, 30000/1001 at
+/// 29.97, 60000/1001 at 59.94, else the whole rate), rounded to the nearest frame; the marker's
+/// frame index when its time is not a number. So a cut at 2.0 s of a 15 fps video (its frame 30)
+/// lies on frame 48 at 24, 2.0 s into the session, and a cut's frame of a video at a standard rate
+/// is its frame index.
+[[nodiscard]] std::int64_t timecodeFrameOf(const core::EditMarker& marker, float nominalFPS);
+
+/// The distances between the markers' timecode frames (timecodeFrameOf at `nominalFPS`), in
+/// ascending order from frame 0. Markers on frame 0 and repeated frames add nothing, so the deltas
+/// sum to the last marker's frame.
+[[nodiscard]] std::vector<std::int64_t> frameDeltas(const std::vector<core::EditMarker>& markers,
+                                                    float nominalFPS);
 
 /// Frames from Session Start to Video Start at the snapped `nominalFPS` (negative when the video
 /// starts before the session); absent when either digit string is not a timecode at that rate.
