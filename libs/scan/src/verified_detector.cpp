@@ -89,7 +89,7 @@ core::Expected<std::vector<CutEvidence>> evidenceAround(const DetectionContext& 
     }
     start = std::max(start, core::MediaTime::zero());
     core::MediaTime end = centre;
-    for (int i = 0; i <= kWindowFrames; ++i) {
+    for (int i = 0; i < kWindowFrames; ++i) {
         end = end + frame;
     }
     const media::FrameReaderSettings settings{kSignatureWidth,

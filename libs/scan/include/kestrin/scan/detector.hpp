@@ -115,10 +115,13 @@ inline constexpr std::string_view kDefaultDetectorName = "default";
 [[nodiscard]] core::Expected<std::vector<core::EditMarker>> syncWindowStep(
     const DetectionContext& context, std::vector<core::EditMarker> candidates);
 
-/// Frames decoded either side of a sync sample or a candidate without evidence.
-inline constexpr int kWindowFrames = 12;
-/// How far from its sync sample a cut is looked for.
-inline constexpr int kSyncReach = 3;
+/// Frame durations decoded either side of a sync sample or a candidate without evidence: enough
+/// for the changes around it and the flash test, few enough that a window costs little more than
+/// the decoding that reaching its sync sample needs anyway.
+inline constexpr int kWindowFrames = 6;
+/// How far from its sync sample a cut is looked for (an open GOP shows up to two leading pictures
+/// of the new shot before its sync sample).
+inline constexpr int kSyncReach = 2;
 
 /// The verification stage: keeps the candidates that judgeCut() finds to be cuts, with its
 /// confidence, and drops flashes, dissolves, fades and motion. Evidence comes from the context's
