@@ -418,6 +418,13 @@ private:
                 return std::nullopt;
             }
             if (!(time + durationOfFrame() > rangeStart_)) {
+                if (settings_.deliversLeadIn) {
+                    std::optional<media::LumaFrame> leadIn = convert(time);
+                    if (leadIn) {
+                        leadIn->isLeadIn = true;
+                    }
+                    return leadIn;
+                }
                 av_frame_unref(session_->frame.get());
                 return std::nullopt;
             }

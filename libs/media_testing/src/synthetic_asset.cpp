@@ -157,14 +157,20 @@ public:
         const MediaTime fallbackDuration = track.script().minFrameDuration.hasValue()
                                                ? *track.script().minFrameDuration
                                                : MediaTime::make(1, 25);
+        const auto endOf = [&](std::size_t rank) {
+            return rank + 1 < order.size()
+                       ? samples[order[rank + 1]].presentationTime
+                       : samples[order[rank]].presentationTime + fallbackDuration;
+        };
         for (std::size_t rank = 0; rank < order.size(); ++rank) {
             const SyntheticSample& sample = samples[order[rank]];
-            const MediaTime end = rank + 1 < order.size()
-                                      ? samples[order[rank + 1]].presentationTime
-                                      : sample.presentationTime + fallbackDuration;
-            if (overlapsRange(sample.presentationTime, end)) {
+            if (overlapsRange(sample.presentationTime, endOf(rank))) {
+                if (frames_.empty() && settings_.deliversLeadIn) {
+                    addLeadIn(samples, order, rank, endOf);
+                }
                 frames_.push_back(sample);
-                durations_.push_back(end - sample.presentationTime);
+                durations_.push_back(endOf(rank) - sample.presentationTime);
+                leadIn_.push_back(false);
             }
         }
     }
@@ -214,6 +220,7 @@ public:
         frame.width = settings_.width;
         frame.height = settings_.height;
         frame.bytesPerRow = settings_.width;
+        frame.isLeadIn = leadIn_[next_ - 1];
         if (sample.picture) {
             render(*sample.picture);
             frame.data = plane_.data();
@@ -229,6 +236,28 @@ public:
     }
 
 private:
+    // The reference frames from the last sync sample shown at or before presentation rank
+    // `first` up to it, as a decoder reaching `first` from a seek would decode them.
+    template <typename EndOf>
+    void addLeadIn(const std::vector<SyntheticSample>& samples,
+                   const std::vector<std::size_t>& order,
+                   std::size_t first,
+                   const EndOf& endOf)
+    {
+        std::size_t sync = first;
+        while (sync > 0 && !samples[order[sync]].isSync) {
+            --sync;
+        }
+        for (std::size_t rank = sync; rank < first; ++rank) {
+            const SyntheticSample& sample = samples[order[rank]];
+            if (sample.isReference) {
+                frames_.push_back(sample);
+                durations_.push_back(endOf(rank) - sample.presentationTime);
+                leadIn_.push_back(true);
+            }
+        }
+    }
+
     [[nodiscard]] bool overlapsRange(const MediaTime& start, const MediaTime& end) const
     {
         if (!settings_.timeRange) {
@@ -261,8 +290,10 @@ private:
     ReaderFaults faults_;
     std::stop_token stopToken_;
     std::shared_ptr<detail::SyntheticCounters> counters_;
-    std::vector<SyntheticSample> frames_;  // in presentation order, inside the range
-    std::vector<MediaTime> durations_;     // how long each of frames_ is shown
+    // In presentation order: the lead-in asked for, then the frames inside the range.
+    std::vector<SyntheticSample> frames_;
+    std::vector<MediaTime> durations_;  // how long each of frames_ is shown
+    std::vector<bool> leadIn_;          // whether each of frames_ is lead-in
     std::vector<std::uint8_t> plane_;
     std::size_t next_ = 0;
     std::int64_t delivered_ = 0;

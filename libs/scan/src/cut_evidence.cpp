@@ -90,6 +90,7 @@ void BoundaryAnalyzer::examine(std::int64_t position, std::int64_t lastPosition)
     CutEvidence evidence;
     evidence.frameIndex = held(position).frameIndex;
     evidence.time = held(position).time;
+    evidence.firstPossibleFrame = std::min(held(position - 1).frameIndex + 1, evidence.frameIndex);
     evidence.residual = residual;
     evidence.contrastBefore = held(position - 1).contrast;
     evidence.contrastAfter = held(position).contrast;

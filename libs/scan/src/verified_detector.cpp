@@ -25,16 +25,13 @@ constexpr ReadErrors kPassErrors{scan_error::failedToStartReading,
                                  scan_error::readerFailedDuringIteration};
 constexpr ReadErrors kWindowErrors{scan_error::decodeStartFailed, scan_error::decodeFailed};
 
-// Feeds every readable frame of `reader` (not started) to `analyzer` and finishes it. `indexOf`
-// names a frame from its time and its position among the frames read; `onFrame` is told each
-// position and time (for progress).
-template <typename IndexOf, typename OnFrame>
-core::Status analyseFrames(media::FrameReader& reader,
-                           BoundaryAnalyzer& analyzer,
-                           const std::stop_token& stopToken,
-                           ReadErrors errors,
-                           IndexOf indexOf,
-                           OnFrame onFrame)
+// Reads every readable frame of `reader` (not started) as 96 x 54 luma and hands it to
+// `onFrame(position, frame, plane)`, `position` counting the frames read from 0.
+template <typename OnFrame>
+core::Status readFrames(media::FrameReader& reader,
+                        const std::stop_token& stopToken,
+                        ReadErrors errors,
+                        OnFrame onFrame)
 {
     if (!reader.startReading()) {
         return reader.error().value_or(errors.notStarted());
@@ -49,8 +46,7 @@ core::Status analyseFrames(media::FrameReader& reader,
         if (!extractLumaPlane(*frame, plane)) {
             continue;
         }
-        onFrame(position, frame->presentationTime);
-        analyzer.push(indexOf(frame->presentationTime, position), frame->presentationTime, plane);
+        onFrame(position, *frame, std::as_const(plane));
         ++position;
     }
     if (stopToken.stop_requested()) {
@@ -59,7 +55,6 @@ core::Status analyseFrames(media::FrameReader& reader,
     if (reader.status() == media::ReaderStatus::failed) {
         return reader.error().value_or(errors.failed());
     }
-    analyzer.finish();
     return {};
 }
 
@@ -77,45 +72,67 @@ core::MediaTime frameDurationOf(const media::Track& track)
     return core::MediaTime::make(1, 30);
 }
 
-// The evidence of the changes within `reach` frames of `centre`, read from the frames
-// kWindowFrames either side of it.
-core::Expected<std::vector<CutEvidence>> evidenceAround(const DetectionContext& context,
-                                                        const core::MediaTime& centre)
+// Reads the frames from kWindowFrames frame durations before `centre` to as many after it,
+// preceded by the lead-in when `withLeadIn`, and hands each to `onFrame(frameIndex, frame,
+// plane)`, the frame index counted from its time at the track's rate. A track that cannot be read
+// as pictures gives no frame.
+template <typename OnFrame>
+core::Status readAround(const DetectionContext& context,
+                        const core::MediaTime& centre,
+                        bool withLeadIn,
+                        OnFrame onFrame)
 {
+    const core::Expected<FrameRateRational> rate = frameRateRational(context.track);
+    if (!rate) {
+        return rate.error();
+    }
+    if (rate->numerator <= 0) {
+        return {};
+    }
     const core::MediaTime frame = frameDurationOf(context.track);
     core::MediaTime start = centre;
-    for (int i = 0; i < kWindowFrames && start > core::MediaTime::zero(); ++i) {
-        start = start - frame;
-    }
-    start = std::max(start, core::MediaTime::zero());
     core::MediaTime end = centre;
     for (int i = 0; i < kWindowFrames; ++i) {
+        start = start - frame;
         end = end + frame;
     }
-    const media::FrameReaderSettings settings{kSignatureWidth,
-                                              kSignatureHeight,
-                                              media::LumaRange::full,
-                                              core::MediaTimeRange::fromStartEnd(start, end)};
+    start = std::max(start, core::MediaTime::zero());
+    media::FrameReaderSettings settings{kSignatureWidth,
+                                        kSignatureHeight,
+                                        media::LumaRange::full,
+                                        core::MediaTimeRange::fromStartEnd(start, end)};
+    settings.deliversLeadIn = withLeadIn;
     auto reader = context.asset.makeFrameReader(context.track, settings, context.stopToken);
     if (!reader) {
         return reader.error();
     }
     if (*reader == nullptr) {
-        return std::vector<CutEvidence>{};
+        return {};
     }
-    const core::Expected<FrameRateRational> rate = frameRateRational(context.track);
-    if (!rate) {
-        return rate.error();
-    }
+    return readFrames(**reader,
+                      context.stopToken,
+                      kWindowErrors,
+                      [&](std::int64_t, const media::LumaFrame& read, const LumaPlane& plane) {
+                          onFrame(frameIndexAt(read.presentationTime, *rate), read, plane);
+                      });
+}
+
+// The evidence of the changes among the frames kWindowFrames either side of `centre`.
+core::Expected<std::vector<CutEvidence>> evidenceAround(const DetectionContext& context,
+                                                        const core::MediaTime& centre)
+{
     BoundaryAnalyzer analyzer;
-    const auto indexOf = [&rate](const core::MediaTime& time, std::int64_t) {
-        return rate->numerator > 0 ? frameIndexAt(time, *rate) : 0;
-    };
-    if (const core::Status read = analyseFrames(
-            **reader, analyzer, context.stopToken, kWindowErrors, indexOf, [](auto, auto&) {});
-        !read) {
+    const core::Status read = readAround(
+        context,
+        centre,
+        false,
+        [&analyzer](std::int64_t index, const media::LumaFrame& frame, const LumaPlane& plane) {
+            analyzer.push(index, frame.presentationTime, plane);
+        });
+    if (!read) {
         return read.error();
     }
+    analyzer.finish();
     return analyzer.takeEvidence();
 }
 
@@ -132,6 +149,41 @@ std::optional<CutEvidence> strongestNear(std::vector<CutEvidence> found,
         }
     }
     return best;
+}
+
+// The cuts among the changes `found` between the frames the keyframe windows delivered, away from
+// the candidates the windows gave: each with its evidence in the store. A change between frames
+// that are not neighbours is pinned to its frame by decoding the frames around it.
+core::Expected<Markers> cutsWithoutSyncSample(const DetectionContext& context,
+                                              std::vector<CutEvidence> found,
+                                              const Markers& nearSyncs)
+{
+    Markers cuts;
+    for (CutEvidence& evidence : found) {
+        const bool isNearSync = std::ranges::any_of(nearSyncs, [&](const core::EditMarker& m) {
+            return std::abs(m.frameIndex - evidence.frameIndex) <= kSyncReach;
+        });
+        if (isNearSync || !judgeCut(evidence).isCut) {
+            continue;
+        }
+        if (evidence.firstPossibleFrame < evidence.frameIndex) {
+            auto around = evidenceAround(context, evidence.time);
+            if (!around) {
+                return around.error();
+            }
+            std::optional<CutEvidence> pinned =
+                strongestNear(std::move(*around),
+                              evidence.frameIndex,
+                              evidence.frameIndex - evidence.firstPossibleFrame);
+            if (!pinned) {
+                continue;
+            }
+            evidence = std::move(*pinned);
+        }
+        cuts.push_back({evidence.frameIndex, evidence.time, std::nullopt});
+        context.evidence.add(std::move(evidence));
+    }
+    return cuts;
 }
 
 }  // namespace
@@ -156,21 +208,23 @@ core::Expected<std::vector<core::EditMarker>> boundaryPassStep(const DetectionCo
             context.evidence.add(std::move(evidence));
         }
     };
-    const auto onFrame = [&](std::int64_t position, const core::MediaTime& time) {
-        if (position % kProgressInterval == 0) {
-            const double fraction = time.seconds() / seconds;
-            context.reportProgress(std::isfinite(fraction) ? std::clamp(fraction, 0.0, 1.0) : 0.0);
-            collect();
-        }
-    };
-    const auto byPosition = [](const core::MediaTime&, std::int64_t position) {
-        return position;
-    };
-    if (const core::Status read =
-            analyseFrames(**reader, analyzer, context.stopToken, kPassErrors, byPosition, onFrame);
-        !read) {
+    const core::Status read = readFrames(
+        **reader,
+        context.stopToken,
+        kPassErrors,
+        [&](std::int64_t position, const media::LumaFrame& frame, const LumaPlane& plane) {
+            if (position % kProgressInterval == 0) {
+                const double fraction = frame.presentationTime.seconds() / seconds;
+                context.reportProgress(std::isfinite(fraction) ? std::clamp(fraction, 0.0, 1.0)
+                                                               : 0.0);
+                collect();
+            }
+            analyzer.push(position, frame.presentationTime, plane);
+        });
+    if (!read) {
         return read.error();
     }
+    analyzer.finish();
     collect();
     return candidates;
 }
@@ -192,25 +246,51 @@ core::Expected<std::vector<core::EditMarker>> syncWindowStep(const DetectionCont
         return rate.error();
     }
     Markers candidates;
+    // Every frame the windows deliver, in time order: the windows' own and the reference frames
+    // decoded on the way to them, so nearly the whole track, thinned of the frames nothing refers
+    // to. It finds the cuts the encoder gave no sync sample.
+    BoundaryAnalyzer sparse;
+    core::MediaTime lastSparse = core::MediaTime::negativeInfinity();
     for (std::size_t k = 0; k < syncs->size(); ++k) {
         if (context.stopToken.stop_requested()) {
             return scan_error::cancelled();
         }
         const core::SyncSample& sync = (*syncs)[k];
-        if (sync.time.isNumeric() && rate->numerator > 0) {
-            auto found = evidenceAround(context, sync.time);
-            if (!found) {
-                return found.error();
+        if (sync.time.isNumeric()) {
+            BoundaryAnalyzer window;
+            const core::Status read = readAround(
+                context,
+                sync.time,
+                true,
+                [&](std::int64_t index, const media::LumaFrame& frame, const LumaPlane& plane) {
+                    if (!frame.isLeadIn) {
+                        window.push(index, frame.presentationTime, plane);
+                    }
+                    // A reader that seeks starts its lead-in at a sync sample, which may lie
+                    // before the last window's end.
+                    if (frame.presentationTime > lastSparse) {
+                        sparse.push(index, frame.presentationTime, plane);
+                        lastSparse = frame.presentationTime;
+                    }
+                });
+            if (!read) {
+                return read.error();
             }
+            window.finish();
             std::optional<CutEvidence> best =
-                strongestNear(std::move(*found), frameIndexAt(sync.time, *rate), kSyncReach);
-            // Neighbouring sync samples can find the same change.
-            if (best && (candidates.empty() || candidates.back().frameIndex < best->frameIndex)) {
+                strongestNear(window.takeEvidence(), frameIndexAt(sync.time, *rate), kSyncReach);
+            if (best) {
                 candidates.push_back({best->frameIndex, best->time, std::nullopt});
                 context.evidence.add(std::move(*best));
             }
         }
         context.reportProgress(static_cast<double>(k + 1) / static_cast<double>(syncs->size()));
+    }
+    sparse.finish();
+    if (auto found = cutsWithoutSyncSample(context, sparse.takeEvidence(), candidates); found) {
+        candidates.insert(candidates.end(), found->begin(), found->end());
+    } else {
+        return found.error();
     }
     std::ranges::sort(candidates, {}, &core::EditMarker::frameIndex);
     const auto [first, last] = std::ranges::unique(candidates, {}, &core::EditMarker::frameIndex);

@@ -355,5 +355,41 @@ TEST(VerifiedDetector, MarksTheFirstFrameOfEachShotInBothModes)
     }
 }
 
+// A cut the encoder gave no keyframe, on a frame nothing refers to: the keyframe windows' lead-in
+// (every other frame) shows the change, and the frames around it pin it.
+TEST(VerifiedDetector, FindsACutWithoutKeyframeInKeyframeMode)
+{
+    const auto keyframeAt = [](std::int64_t i) {
+        return i == 0 || i == 9 || i == 23 || i == 31 || i == 40 || i == 51 || i == 87 || i == 100
+               || i == 120 || i == 131;
+    };
+    media_testing::SyntheticTrack track = media_testing::makeVideoTrack(
+        25,
+        140,
+        [](std::int64_t i) {
+            return pictureOf(photo(i < 40 ? 1 : i < 69 ? 2 : i < 100 ? 3 : 4));
+        },
+        keyframeAt);
+    for (std::size_t i = 0; i < track.samples.size(); ++i) {
+        track.samples[i].isReference = i % 2 == 0 || track.samples[i].isSync;
+    }
+    auto opener = std::make_shared<media_testing::SyntheticAssetOpener>();
+    opener->add("clip.mov",
+                std::make_shared<media_testing::SyntheticAsset>(MediaTime::make(140, 25),
+                                                                std::vector{track}));
+    std::vector<std::string> lines;
+    const VideoScanService service(
+        opener, core::Log([&lines](std::string_view line) { lines.emplace_back(line); }));
+    const Scan scan = service.scanForEdits("clip.mov");
+    const auto markers = scan.handle.waitForResult();
+    ASSERT_TRUE(markers) << markers.error().description;
+    Frames frames;
+    for (const core::EditMarker& marker : *markers) {
+        frames.push_back(marker.frameIndex);
+    }
+    EXPECT_EQ(frames, (Frames{40, 69, 100}));
+    EXPECT_EQ(std::ranges::count(lines, "🧭 trusted? true"), 1);
+}
+
 }  // namespace
 }  // namespace kestrin::scan

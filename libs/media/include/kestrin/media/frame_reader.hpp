@@ -30,6 +30,11 @@ struct FrameReaderSettings
     LumaRange range = LumaRange::full;
     /// Only frames whose display interval overlaps [start, start + duration); absent: all.
     std::optional<core::MediaTimeRange> timeRange;
+    /// With a time range: also deliver, marked LumaFrame::isLeadIn and before the range's frames,
+    /// the frames shown before the range that reaching it decodes anyway (from the sync sample a
+    /// seek lands on, or from where the track's previous reader stopped). Frames that no other
+    /// frame refers to are not decoded there, so these may skip some frames.
+    bool deliversLeadIn = false;
 };
 
 /// One decoded frame's 8-bit luma plane. A view: the bytes belong to the reader and stay valid
@@ -48,6 +53,8 @@ struct LumaFrame
     /// a time range (a frame overlaps when it starts before the range ends and
     /// presentationTime + duration lies after the range's start); zero when unknown.
     core::MediaTime duration = core::MediaTime::zero();
+    /// Shown before the reader's time range, delivered because the settings asked for the lead-in.
+    bool isLeadIn = false;
 
     [[nodiscard]] bool hasImage() const { return data != nullptr; }
 };

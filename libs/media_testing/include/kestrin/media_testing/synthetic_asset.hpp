@@ -35,6 +35,8 @@ struct SyntheticSample
     bool isSync = false;
     /// The decoded picture; absent for a sample that decodes to no image.
     std::optional<Picture> picture;
+    /// Whether other frames refer to it: a reader asked for its lead-in delivers only these.
+    bool isReference = true;
 };
 
 /// What a reader of a synthetic track should do wrong, for failure tests.

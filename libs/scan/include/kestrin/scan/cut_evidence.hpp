@@ -26,6 +26,10 @@ struct CutEvidence
     /// The first frame after the change, in presentation order, and its presentation time.
     std::int64_t frameIndex = 0;
     core::MediaTime time;
+    /// The frame after the picture before the change: frameIndex itself when the two pictures are
+    /// neighbours, earlier when frames between them were not seen (the change then happened on
+    /// one of the frames from this one to frameIndex).
+    std::int64_t firstPossibleFrame = 0;
     /// The motion residual (MotionResidual::median) from the frame before to this one.
     float residual = 0.0F;
     /// The residuals of the changes before this one, nearest first, and of those after it; up to

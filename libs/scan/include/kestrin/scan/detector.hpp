@@ -110,8 +110,16 @@ inline constexpr std::string_view kDefaultDetectorName = "default";
 /// the sync sample in presentation order) as a candidate with its evidence. Frames are numbered
 /// by their time at frameRateRational(track). Progress after each sync sample.
 ///
-/// Errors: as decodeWindowFrames; scan_error::cancelled() on a stop. Cost: windows decoded one
-/// after another, the track's decoder handed from each to the next.
+/// Cuts the encoder gave no sync sample: the windows' readers also deliver their lead-in, the
+/// reference frames decoded anyway on the way from one window to the next, and every frame
+/// delivered goes, in time order, through one more analyzer. A change there that judgeCut()
+/// accepts, away from the windows' candidates, is a candidate too; when frames between the two
+/// pictures were skipped (frames nothing refers to), the frames around it are decoded to pin it.
+///
+/// Errors: as decodeWindowFrames; scan_error::cancelled() on a stop. Cost: the windows, decoded
+/// one after another with the track's decoder handed from each to the next; the lead-in's
+/// conversion and motion search (a few per cent of decoding it); and one window per cut without
+/// a sync sample, which decodes from the sync sample before it.
 [[nodiscard]] core::Expected<std::vector<core::EditMarker>> syncWindowStep(
     const DetectionContext& context, std::vector<core::EditMarker> candidates);
 
