@@ -124,13 +124,12 @@ bool isUsableRate(AVRational rate)
     return rate.num > 0 && rate.den > 0;
 }
 
-// The frame rate that sets the frame grid: the average rate (or, without one, the rate FFmpeg
-// guessed from the time stamps), snapped to a standard rate when it is one.
-AVRational gridRateOf(const AVStream& stream)
+// `rate` snapped to a standard rate when it is one (then `isStandard` is set); {0, 1} when
+// unusable.
+AVRational snappedRate(AVRational rate, bool* isStandard = nullptr)
 {
-    AVRational rate = stream.avg_frame_rate;
-    if (!isUsableRate(rate)) {
-        rate = stream.r_frame_rate;
+    if (isStandard != nullptr) {
+        *isStandard = false;
     }
     if (!isUsableRate(rate)) {
         return AVRational{0, 1};
@@ -138,12 +137,41 @@ AVRational gridRateOf(const AVStream& stream)
     const double framesPerSecond = av_q2d(rate);
     for (const AVRational& standard : kStandardRates) {
         if (std::fabs(framesPerSecond / av_q2d(standard) - 1.0) < kStandardRateTolerance) {
+            if (isStandard != nullptr) {
+                *isStandard = true;
+            }
             return standard;
         }
     }
     AVRational reduced{0, 1};
     av_reduce(&reduced.num, &reduced.den, rate.num, rate.den, 1 << 30);
     return reduced;
+}
+
+// The frame grid of a video stream: its rate, and whether every frame lies on it.
+struct FrameGrid
+{
+    AVRational rate{0, 1};
+    bool isConstantRate = true;
+};
+
+// The average rate (or, without one, the rate FFmpeg guessed from the time stamps: the lowest rate
+// on which they all lie), snapped to a standard rate when it is one. Where the two differ, a
+// standard guessed rate is the grid of a stream that leaves some frames out (Theora's repeated
+// pictures, which MOV stores as longer samples); any other difference is a variable frame rate,
+// whose times are kept as they are.
+FrameGrid frameGridOf(const AVStream& stream)
+{
+    const AVRational average = snappedRate(stream.avg_frame_rate);
+    bool isStandard = false;
+    const AVRational guessed = snappedRate(stream.r_frame_rate, &isStandard);
+    if (!isUsableRate(average)) {
+        return FrameGrid{guessed, true};
+    }
+    if (!isUsableRate(guessed) || av_cmp_q(average, guessed) == 0) {
+        return FrameGrid{average, true};
+    }
+    return isStandard ? FrameGrid{guessed, true} : FrameGrid{average, false};
 }
 
 // Whether the container's index holds every sample with its presentation time: only FFmpeg's
@@ -270,13 +298,102 @@ detail::TrackTiming timingOf(const AVStream& stream, media::MediaType type)
     timing.timeBase = stream.time_base;
     timing.origin = stream.start_time != AV_NOPTS_VALUE ? stream.start_time : 0;
     if (type == media::MediaType::video) {
-        const AVRational rate = gridRateOf(stream);
-        if (isUsableRate(rate)) {
-            timing.frameDurationValue = rate.den;
-            timing.frameDurationTimescale = rate.num;
+        const FrameGrid grid = frameGridOf(stream);
+        if (isUsableRate(grid.rate)) {
+            timing.frameDurationValue = grid.rate.den;
+            timing.frameDurationTimescale = grid.rate.num;
         }
+        timing.isConstantRate = grid.isConstantRate;
     }
     return timing;
+}
+
+// Whether `stream` holds pictures that may be shown in another order than they are decoded.
+bool reordersPictures(const AVStream& stream)
+{
+    const AVCodecDescriptor* descriptor = avcodec_descriptor_get(stream.codecpar->codec_id);
+    return stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO && descriptor != nullptr
+           && (descriptor->props & AV_CODEC_PROP_REORDER) != 0;
+}
+
+// What the first packets of a stream say of its time stamps.
+struct StampSurvey
+{
+    int packets = 0;
+    bool isMissingPresentationStamps = false;
+    bool hasReorderedStamps = false;  // some presentation stamp differs from its decode stamp
+    std::int64_t firstDecodeStamp = AV_NOPTS_VALUE;
+
+    // Nothing more to learn: a missing stamp answers the question, and so do enough packets
+    // (MPEG program streams stamp the first pictures and leave some later ones out).
+    [[nodiscard]] bool isDecided() const;
+};
+
+// How many packets of a stream the survey reads at most: several groups of pictures.
+constexpr int kSurveyedPackets = 96;
+
+bool StampSurvey::isDecided() const
+{
+    return firstDecodeStamp != AV_NOPTS_VALUE
+           && (isMissingPresentationStamps || packets >= kSurveyedPackets);
+}
+
+// Reads the first packets of the file until every stream whose pictures reorder is decided
+// (those FFmpeg read to find the streams come back first, so this mostly costs no further I/O);
+// other streams are not surveyed.
+std::vector<StampSurvey> surveyStamps(AVFormatContext& context)
+{
+    std::vector<StampSurvey> surveys(context.nb_streams);
+    std::vector<bool> isSurveyed(context.nb_streams);
+    for (unsigned int i = 0; i < context.nb_streams; ++i) {
+        isSurveyed[i] = reordersPictures(*context.streams[i]);
+    }
+    const auto isDone = [&] {
+        for (std::size_t i = 0; i < surveys.size(); ++i) {
+            if (isSurveyed[i] && !surveys[i].isDecided()) {
+                return false;
+            }
+        }
+        return true;
+    };
+    detail::PacketPointer packet(av_packet_alloc());
+    for (int read = 0; packet && !isDone() && read < kSurveyedPackets * 4; ++read) {
+        if (av_read_frame(&context, packet.get()) < 0) {
+            break;
+        }
+        const auto index = static_cast<std::size_t>(packet->stream_index);
+        StampSurvey& survey = surveys[index];
+        if (isSurveyed[index] && survey.packets < kSurveyedPackets) {
+            ++survey.packets;
+            if (survey.firstDecodeStamp == AV_NOPTS_VALUE) {
+                survey.firstDecodeStamp = packet->dts;
+            }
+            survey.isMissingPresentationStamps |= packet->pts == AV_NOPTS_VALUE;
+            survey.hasReorderedStamps |=
+                packet->pts != AV_NOPTS_VALUE && packet->pts != packet->dts;
+        }
+        av_packet_unref(packet.get());
+    }
+    return surveys;
+}
+
+// Whether a stream's container keeps only the decode order of pictures that are shown in another
+// order: AVI has no presentation stamps at all (FFmpeg's guesses from the decode stamps are off
+// by the reordering delay); other containers show it by stamps that are missing or all equal to
+// the decode stamps, as MXF without temporal offsets gives them. (A stream without B-frames whose
+// stamps are all equal is stamped the same either way.)
+bool hasDecodeOrderOnly(const AVFormatContext& context,
+                        const AVStream& stream,
+                        const StampSurvey& survey)
+{
+    if (!reordersPictures(stream) || survey.packets == 0
+        || survey.firstDecodeStamp == AV_NOPTS_VALUE) {
+        return false;
+    }
+    if (std::string_view(context.iformat->name) == "avi") {
+        return true;
+    }
+    return survey.isMissingPresentationStamps || !survey.hasReorderedStamps;
 }
 
 }  // namespace
@@ -296,6 +413,7 @@ core::Expected<media::AssetPointer> FFmpegAssetOpener::openAsset(const std::file
     }
     AVFormatContext& context = **opened;
 
+    const std::vector<StampSurvey> surveys = surveyStamps(context);
     std::vector<media::TrackPointer> tracks;
     for (unsigned int i = 0; i < context.nb_streams; ++i) {
         AVStream& stream = *context.streams[i];
@@ -308,7 +426,12 @@ core::Expected<media::AssetPointer> FFmpegAssetOpener::openAsset(const std::file
         source->streamIndex = stream.index;
         source->mediaType = mediaTypeOf(parameters);
         source->timing = timingOf(stream, source->mediaType);
-        if (indexIsComplete(context, stream)) {
+        if (source->mediaType == media::MediaType::video
+            && hasDecodeOrderOnly(context, stream, surveys[i])) {
+            source->hasDecodeOrderOnly = true;
+            // The first picture decoded is the first shown, and is given its decode stamp.
+            source->timing.origin = surveys[i].firstDecodeStamp;
+        } else if (indexIsComplete(context, stream)) {
             source->index = indexOf(stream);
         }
         const float nominalRate = isUsableRate(stream.avg_frame_rate)

@@ -1,5 +1,6 @@
 #include "ffmpeg_support.hpp"
 #include "luma_box_average.hpp"
+#include "presentation_order.hpp"
 
 extern "C" {
 #include <libavutil/pixdesc.h>
@@ -8,6 +9,7 @@ extern "C" {
 
 #include <algorithm>
 #include <array>
+#include <deque>
 #include <optional>
 #include <utility>
 
@@ -47,6 +49,21 @@ struct DecodingSession
     CodecContextPointer decoder;
     PacketPointer packet;
     FramePointer frame;
+    /// The frame delivered (or passed over) before `frame`, kept to be shown again where the
+    /// stream leaves frames out (Theora writes a repeated picture as an empty packet).
+    FramePointer previous;
+    /// The frame index of `previous` on the frame grid; nullopt when unknown or off the grid.
+    std::optional<std::int64_t> previousIndex;
+    /// Only where the container keeps the decode order alone: the packets read but not yet sent,
+    /// in decode order, until their presentation stamps are known.
+    std::optional<PictureParser> parser;
+    std::optional<PresentationOrder> order;
+    std::deque<PacketPointer> held;
+    bool isOrderFinished = false;
+    /// After a seek: packets are passed over until a keyframe, since a seek by time stamp may
+    /// land inside a group of pictures (MPEG program streams), whose frames would decode against
+    /// missing references.
+    bool isAwaitingKeyframe = false;
     ScaleContextPointer scale;
     std::vector<std::uint16_t> rowSums;  // scratch of the box average
     std::vector<std::uint8_t> plane;
@@ -210,7 +227,12 @@ public:
         session_->decoder.reset(avcodec_alloc_context3(codec));
         session_->packet.reset(av_packet_alloc());
         session_->frame.reset(av_frame_alloc());
-        if (!session_->decoder || !session_->packet || !session_->frame) {
+        session_->previous.reset(av_frame_alloc());
+        if (source_->hasDecodeOrderOnly) {
+            session_->parser.emplace(*session_->stream->codecpar);
+            session_->order.emplace(source_->timing.frameStepInStamps());
+        }
+        if (!session_->decoder || !session_->packet || !session_->frame || !session_->previous) {
             return ffmpegError(AVERROR(ENOMEM));
         }
         int result =
@@ -262,6 +284,21 @@ public:
                 status_ = media::ReaderStatus::cancelled;
                 break;
             }
+            if (repeatsLeft_ > 0) {
+                auto repeated = takeRepeat();
+                if (repeated) {
+                    return repeated;
+                }
+                continue;
+            }
+            if (isHoldingFrame_) {
+                isHoldingFrame_ = false;
+                auto delivered = takeFrame(heldTime_);
+                if (delivered) {
+                    return delivered;
+                }
+                continue;
+            }
             const int received =
                 avcodec_receive_frame(session_->decoder.get(), session_->frame.get());
             if (received == errorAgain()) {
@@ -276,7 +313,7 @@ public:
                 fail(received);
                 break;
             }
-            auto delivered = takeFrame();
+            auto delivered = placeFrame();
             if (delivered) {
                 return delivered;
             }
@@ -341,13 +378,24 @@ private:
         }
         avcodec_flush_buffers(session_->decoder.get());
         session_->isInputDone = false;
+        session_->held.clear();
+        session_->isOrderFinished = false;
+        session_->isAwaitingKeyframe = true;
+        if (session_->order) {
+            session_->order->reset();
+        }
+        av_frame_unref(session_->previous.get());
+        session_->previousIndex.reset();
+        repeatsLeft_ = 0;
+        isHoldingFrame_ = false;
         session_->lastSentDecodeStamp = AV_NOPTS_VALUE;
         session_->lastFrameEnd = core::MediaTime::invalid();
         return true;
     }
 
     // Reads the next packet of the track and hands it to the decoder (or, at the end of the
-    // file, tells the decoder to give out what it holds).
+    // file, tells the decoder to give out what it holds). Where the container keeps the decode
+    // order alone, packets wait until their presentation stamps are known.
     void feedDecoder()
     {
         if (session_->isInputDone) {
@@ -356,50 +404,143 @@ private:
             return;
         }
         for (;;) {
+            if (session_->order && !session_->held.empty()) {
+                if (const auto stamp = session_->order->next()) {
+                    PacketPointer ready = std::move(session_->held.front());
+                    session_->held.pop_front();
+                    ready->pts = *stamp;
+                    sendPacket(*ready);
+                    return;
+                }
+            }
+            if (session_->isOrderFinished) {
+                endInput();
+                return;
+            }
             const int read = av_read_frame(session_->format.get(), session_->packet.get());
             if (read == errorEof()) {
-                session_->isInputDone = true;
-                const int sent = avcodec_send_packet(session_->decoder.get(), nullptr);
-                if (sent < 0 && sent != errorEof()) {
-                    fail(sent);
+                if (session_->order) {
+                    session_->order->finish();
+                    session_->isOrderFinished = true;
+                    continue;
                 }
+                endInput();
                 return;
             }
             if (read < 0) {
                 fail(read);
                 return;
             }
-            if (session_->packet->stream_index != session_->stream->index) {
+            if (session_->packet->stream_index != session_->stream->index
+                || (session_->isAwaitingKeyframe
+                    && (session_->packet->flags & AV_PKT_FLAG_KEY) == 0)) {
                 av_packet_unref(session_->packet.get());
                 continue;
             }
-            if (settings_.timeRange) {
-                // Frames shown before the range are decoded only as far as later frames need
-                // them: those no other frame refers to are skipped, which after a seek is much of
-                // the lead-in from the sync sample (every non-reference B-frame, for one).
-                session_->decoder->skip_frame =
-                    isShownBeforeRange(*session_->packet) ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
+            session_->isAwaitingKeyframe = false;
+            if (!session_->order) {
+                sendPacket(*session_->packet);
+                return;
             }
-            const std::int64_t decodeStamp = session_->packet->dts;
-            const int sent = avcodec_send_packet(session_->decoder.get(), session_->packet.get());
-            av_packet_unref(session_->packet.get());
-            if (sent < 0 && sent != errorAgain()) {
-                fail(sent);
-            } else if (sent >= 0 && decodeStamp != AV_NOPTS_VALUE) {
-                session_->lastSentDecodeStamp = decodeStamp;
+            session_->order->push(session_->parser->describe(*session_->packet));
+            PacketPointer held(av_packet_alloc());
+            if (!held) {
+                fail(AVERROR(ENOMEM));
+                return;
             }
-            return;
+            av_packet_move_ref(held.get(), session_->packet.get());
+            session_->held.push_back(std::move(held));
         }
+    }
+
+    void endInput()
+    {
+        session_->isInputDone = true;
+        const int sent = avcodec_send_packet(session_->decoder.get(), nullptr);
+        if (sent < 0 && sent != errorEof()) {
+            fail(sent);
+        }
+    }
+
+    // Hands `packet` to the decoder and empties it.
+    void sendPacket(AVPacket& packet)
+    {
+        if (settings_.timeRange) {
+            // Frames shown before the range are decoded only as far as later frames need
+            // them: those no other frame refers to are skipped, which after a seek is much of
+            // the lead-in from the sync sample (every non-reference B-frame, for one).
+            session_->decoder->skip_frame =
+                isShownBeforeRange(packet) ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
+        }
+        const std::int64_t decodeStamp = packet.dts;
+        const int sent = avcodec_send_packet(session_->decoder.get(), &packet);
+        av_packet_unref(&packet);
+        if (sent < 0 && sent != errorAgain()) {
+            fail(sent);
+        } else if (sent >= 0 && decodeStamp != AV_NOPTS_VALUE) {
+            session_->lastSentDecodeStamp = decodeStamp;
+        }
+    }
+
+    // Places the frame just decoded on the timeline: where frames before it are missing from the
+    // stream (on a constant frame grid), the frame before it is shown again at their times first.
+    std::optional<media::LumaFrame> placeFrame()
+    {
+        const std::int64_t stamp =
+            source_->hasDecodeOrderOnly || session_->frame->pts != AV_NOPTS_VALUE
+                ? session_->frame->pts
+                : session_->frame->best_effort_timestamp;
+        const core::MediaTime time = source_->timing.timeOf(stamp);
+        const auto index = source_->timing.frameIndexOf(time);
+        if (index && session_->previousIndex && *index > *session_->previousIndex + 1
+            && session_->previous->buf[0] != nullptr) {
+            repeatsLeft_ = *index - *session_->previousIndex - 1;
+            isHoldingFrame_ = true;
+            heldTime_ = time;
+            return std::nullopt;
+        }
+        return takeFrame(time);
+    }
+
+    // The next repetition of the previous frame, or nothing when it falls outside the range.
+    std::optional<media::LumaFrame> takeRepeat()
+    {
+        --repeatsLeft_;
+        const std::int64_t index = ++*session_->previousIndex;
+        const core::MediaTime duration = source_->timing.frameDuration();
+        const core::MediaTime time =
+            core::MediaTime::make(index * duration.value, duration.timescale);
+        if (settings_.timeRange) {
+            if (time >= rangeEnd_) {
+                // The frame after the gap is taken as passed over, so that a reader going on
+                // from here neither misses nor repeats it.
+                repeatsLeft_ = 0;
+                isHoldingFrame_ = false;
+                session_->lastFrameEnd = heldTime_ + durationOfFrame();
+                keepAsPrevious(heldTime_);
+                status_ = media::ReaderStatus::completed;
+                return std::nullopt;
+            }
+            if (!(time + duration > rangeStart_)) {
+                return std::nullopt;
+            }
+        }
+        return convert(*session_->previous, time);
+    }
+
+    // Keeps the frame just taken as the one to show again, after the frame delivered before it
+    // is no longer needed.
+    void keepAsPrevious(const core::MediaTime& time)
+    {
+        av_frame_unref(session_->previous.get());
+        av_frame_move_ref(session_->previous.get(), session_->frame.get());
+        session_->previousIndex = source_->timing.frameIndexOf(time);
     }
 
     // Turns the decoded frame into the frame to deliver, or drops it (before the range, or the
     // range has ended); absent when dropped.
-    std::optional<media::LumaFrame> takeFrame()
+    std::optional<media::LumaFrame> takeFrame(const core::MediaTime& time)
     {
-        const std::int64_t stamp = session_->frame->pts != AV_NOPTS_VALUE
-                                       ? session_->frame->pts
-                                       : session_->frame->best_effort_timestamp;
-        const core::MediaTime time = source_->timing.timeOf(stamp);
         session_->lastFrameEnd = time + durationOfFrame();
         if (settings_.timeRange && time.isNumeric()) {
             if (isCheckingSeek_) {
@@ -419,17 +560,20 @@ private:
             }
             if (!(time + durationOfFrame() > rangeStart_)) {
                 if (settings_.deliversLeadIn) {
-                    std::optional<media::LumaFrame> leadIn = convert(time);
+                    std::optional<media::LumaFrame> leadIn = convert(*session_->frame, time);
+                    keepAsPrevious(time);
                     if (leadIn) {
                         leadIn->isLeadIn = true;
                     }
                     return leadIn;
                 }
-                av_frame_unref(session_->frame.get());
+                keepAsPrevious(time);
                 return std::nullopt;
             }
         }
-        return convert(time);
+        auto delivered = convert(*session_->frame, time);
+        keepAsPrevious(time);
+        return delivered;
     }
 
     void retreat()
@@ -466,41 +610,42 @@ private:
         return time.isNumeric() && !(time + duration > rangeStart_);
     }
 
+    // On a variable frame rate, the frame's own duration where the container gives one.
     [[nodiscard]] core::MediaTime durationOfFrame() const
     {
-        const core::MediaTime grid = source_->timing.frameDuration();
-        if (grid.isNumeric()) {
-            return grid;
+        if (source_->timing.hasFrameGrid()) {
+            return source_->timing.frameDuration();
         }
         if (session_->frame->pkt_duration > 0) {
             return core::MediaTime::make(
                 session_->frame->pkt_duration * session_->stream->time_base.num,
                 session_->stream->time_base.den);
         }
-        return core::MediaTime::zero();
+        const core::MediaTime average = source_->timing.frameDuration();
+        return average.isNumeric() ? average : core::MediaTime::zero();
     }
 
-    std::optional<media::LumaFrame> convert(const core::MediaTime& time)
+    std::optional<media::LumaFrame> convert(const AVFrame& picture, const core::MediaTime& time)
     {
         media::LumaFrame out;
         out.presentationTime = time;
         out.duration = durationOfFrame();
         out.width = settings_.width;
         out.height = settings_.height;
-        const auto decoded = static_cast<AVPixelFormat>(session_->frame->format);
+        const auto decoded = static_cast<AVPixelFormat>(picture.format);
         const auto [format, isJpegFormat] = withoutJpegRange(decoded);
         const bool isFullRange =
-            isJpegFormat || session_->frame->color_range == AVCOL_RANGE_JPEG
-            || (isGray(format) && session_->frame->color_range == AVCOL_RANGE_UNSPECIFIED);
+            isJpegFormat || picture.color_range == AVCOL_RANGE_JPEG
+            || (isGray(format) && picture.color_range == AVCOL_RANGE_UNSPECIFIED);
         const bool wantsFullRange = settings_.range == media::LumaRange::full;
 
         // Video range is always made from the full-range plane (see below), even from a source
         // in video range, so that it is the same function of the picture as for every reader.
-        if (hasEightBitLumaPlane(format) && session_->frame->width == settings_.width
-            && session_->frame->height == settings_.height && session_->frame->linesize[0] > 0
-            && isFullRange && wantsFullRange) {
-            out.data = session_->frame->data[0];
-            out.bytesPerRow = session_->frame->linesize[0];
+        if (hasEightBitLumaPlane(format) && picture.width == settings_.width
+            && picture.height == settings_.height && picture.linesize[0] > 0 && isFullRange
+            && wantsFullRange) {
+            out.data = picture.data[0];
+            out.bytesPerRow = picture.linesize[0];
             return out;
         }
 
@@ -508,15 +653,12 @@ private:
                                * static_cast<std::size_t>(settings_.height));
         // Scaling 8-bit luma down by whole factors (the scan's case, every frame): our own block
         // average, exact and several times faster than libswscale on a freshly decoded picture.
-        if (hasEightBitLumaPlane(format) && session_->frame->linesize[0] > 0
-            && canBoxAverage(session_->frame->width,
-                             session_->frame->height,
-                             settings_.width,
-                             settings_.height)) {
-            boxAverageLuma(session_->frame->data[0],
-                           session_->frame->linesize[0],
-                           session_->frame->width,
-                           session_->frame->height,
+        if (hasEightBitLumaPlane(format) && picture.linesize[0] > 0
+            && canBoxAverage(picture.width, picture.height, settings_.width, settings_.height)) {
+            boxAverageLuma(picture.data[0],
+                           picture.linesize[0],
+                           picture.width,
+                           picture.height,
                            isFullRange ? LumaSourceRange::full : LumaSourceRange::video,
                            settings_.width,
                            settings_.height,
@@ -526,8 +668,8 @@ private:
         }
 
         session_->scale.reset(sws_getCachedContext(session_->scale.release(),
-                                                   session_->frame->width,
-                                                   session_->frame->height,
+                                                   picture.width,
+                                                   picture.height,
                                                    format,
                                                    settings_.width,
                                                    settings_.height,
@@ -554,10 +696,10 @@ private:
         std::array<std::uint8_t*, 4> destination{session_->plane.data(), nullptr, nullptr, nullptr};
         std::array<int, 4> destinationStride{settings_.width, 0, 0, 0};
         const int rows = sws_scale(session_->scale.get(),
-                                   session_->frame->data,
-                                   session_->frame->linesize,
+                                   picture.data,
+                                   picture.linesize,
                                    0,
-                                   session_->frame->height,
+                                   picture.height,
                                    destination.data(),
                                    destinationStride.data());
         if (rows <= 0) {
@@ -593,6 +735,11 @@ private:
     std::int64_t seekStamp_ = 0;
     int seekRetries_ = 0;
     bool isCheckingSeek_ = false;
+    // Frames missing from the stream still to be filled with the previous frame, and whether the
+    // frame decoded after them (at heldTime_) waits in session_->frame meanwhile.
+    std::int64_t repeatsLeft_ = 0;
+    bool isHoldingFrame_ = false;
+    core::MediaTime heldTime_;
 };
 
 }  // namespace

@@ -1,7 +1,10 @@
 #include "ffmpeg_support.hpp"
+#include "presentation_order.hpp"
 
 #include <algorithm>
+#include <deque>
 #include <limits>
+#include <optional>
 #include <utility>
 
 namespace kestrin::media_ffmpeg::detail {
@@ -35,7 +38,15 @@ public:
                 static_cast<int>(i) == source_->streamIndex ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
         }
         packet_.reset(av_packet_alloc());
+        if (source_->hasDecodeOrderOnly) {
+            parser_.emplace(*format_->streams[source_->streamIndex]->codecpar);
+            order_.emplace(source_->timing.frameStepInStamps());
+        }
     }
+
+    /// Whether the presentation stamps come from the pictures (PresentationOrder): then a
+    /// sample may be shown before samples decoded ahead of it.
+    [[nodiscard]] bool hasDerivedStamps() const { return order_.has_value(); }
 
     /// The samples read so far, in decode order.
     [[nodiscard]] const std::vector<SampleEntry>& samples() const
@@ -67,18 +78,41 @@ public:
             return false;
         }
         for (;;) {
-            // A stop request, a read error and the end of the file all end the track here.
-            if (av_read_frame(format_.get(), packet_.get()) < 0) {
+            if (order_ && !unstamped_.empty()) {
+                if (const auto stamp = order_->next()) {
+                    read_.push_back(unstamped_.front());
+                    read_.back().presentationStamp = *stamp;
+                    unstamped_.pop_front();
+                    return true;
+                }
+            }
+            if (isInputDone_) {
+                if (order_ && !isOrderFinished_) {
+                    order_->finish();
+                    isOrderFinished_ = true;
+                    continue;
+                }
                 isExhausted_ = true;
                 return false;
             }
+            // A stop request, a read error and the end of the file all end the track here.
+            if (av_read_frame(format_.get(), packet_.get()) < 0) {
+                isInputDone_ = true;
+                continue;
+            }
             const bool isOurs = packet_->stream_index == source_->streamIndex;
             if (isOurs) {
-                read_.push_back(SampleEntry{
-                    packet_->pts, packet_->dts, (packet_->flags & AV_PKT_FLAG_KEY) != 0});
+                const SampleEntry entry{
+                    packet_->pts, packet_->dts, (packet_->flags & AV_PKT_FLAG_KEY) != 0};
+                if (order_) {
+                    order_->push(parser_->describe(*packet_));
+                    unstamped_.push_back(entry);
+                } else {
+                    read_.push_back(entry);
+                }
             }
             av_packet_unref(packet_.get());
-            if (isOurs) {
+            if (isOurs && !order_) {
                 return true;
             }
         }
@@ -92,6 +126,13 @@ private:
     std::vector<SampleEntry> read_;
     std::size_t indexLoaded_ = 0;
     bool isExhausted_ = false;
+    bool isInputDone_ = false;
+    // Only where the container keeps the decode order alone: samples read whose presentation
+    // stamps are not known yet, in decode order.
+    std::optional<PictureParser> parser_;
+    std::optional<PresentationOrder> order_;
+    std::deque<SampleEntry> unstamped_;
+    bool isOrderFinished_ = false;
 };
 
 class FFmpegSampleCursor final : public media::SampleCursor
@@ -157,7 +198,9 @@ private:
         }
         const std::size_t index = supply_.loadedCount() - 1;
         const SampleEntry& entry = supply_.samples()[index];
-        if (entry.decodeStamp != AV_NOPTS_VALUE) {
+        // Stamps taken from the pictures are not bounded by the decode stamps read so far; the
+        // reorder window bounds them instead.
+        if (entry.decodeStamp != AV_NOPTS_VALUE && !supply_.hasDerivedStamps()) {
             latestDecodeStamp_ = std::max(latestDecodeStamp_, entry.decodeStamp);
         }
         std::int64_t stamp = entry.presentationStamp;

@@ -154,8 +154,34 @@ std::int64_t TrackTiming::stampAtOrBefore(const core::MediaTime& time) const
 
 core::MediaTime TrackTiming::frameDuration() const
 {
-    return hasFrameGrid() ? core::MediaTime::make(frameDurationValue, frameDurationTimescale)
-                          : core::MediaTime::invalid();
+    return frameDurationValue > 0
+               ? core::MediaTime::make(frameDurationValue, frameDurationTimescale)
+               : core::MediaTime::invalid();
+}
+
+std::optional<std::int64_t> TrackTiming::frameIndexOf(const core::MediaTime& time) const
+{
+    if (!hasFrameGrid() || !time.isNumeric() || time.timescale <= 0) {
+        return std::nullopt;
+    }
+    // time = index x frameDurationValue / frameDurationTimescale exactly.
+    const Wide numerator = static_cast<Wide>(time.value) * frameDurationTimescale;
+    const Wide denominator = static_cast<Wide>(time.timescale) * frameDurationValue;
+    if (numerator % denominator != 0 || !fitsInt64(numerator / denominator)) {
+        return std::nullopt;
+    }
+    return static_cast<std::int64_t>(numerator / denominator);
+}
+
+std::int64_t TrackTiming::frameStepInStamps() const
+{
+    if (frameDurationValue <= 0 || timeBase.num <= 0 || frameDurationTimescale <= 0) {
+        return 1;
+    }
+    const Wide step =
+        divideRoundingToNearest(static_cast<Wide>(frameDurationValue) * timeBase.den,
+                                static_cast<Wide>(frameDurationTimescale) * timeBase.num);
+    return step >= 1 && fitsInt64(step) ? static_cast<std::int64_t>(step) : 1;
 }
 
 }  // namespace kestrin::media_ffmpeg::detail

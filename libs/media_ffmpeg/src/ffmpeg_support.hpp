@@ -18,6 +18,7 @@ extern "C" {
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stop_token>
 #include <vector>
 
@@ -72,14 +73,21 @@ struct TrackTiming
     /// One frame lasts frameDuration seconds (value/timescale); value 0 when unknown.
     std::int64_t frameDurationValue = 0;
     std::int32_t frameDurationTimescale = 0;
+    /// Every frame lasts frameDuration: times are put on the frame grid. False for a variable
+    /// frame rate, whose times are kept as the container gives them.
+    bool isConstantRate = true;
 
-    [[nodiscard]] bool hasFrameGrid() const { return frameDurationValue > 0; }
+    [[nodiscard]] bool hasFrameGrid() const { return frameDurationValue > 0 && isConstantRate; }
     /// The time on the track's timeline of stream time stamp `stamp`; invalid for AV_NOPTS_VALUE.
     [[nodiscard]] core::MediaTime timeOf(std::int64_t stamp) const;
     /// The stream time stamp at or before `time` (rounded down).
     [[nodiscard]] std::int64_t stampAtOrBefore(const core::MediaTime& time) const;
     /// One frame's duration; invalid when unknown.
     [[nodiscard]] core::MediaTime frameDuration() const;
+    /// The frame index of `time` when it lies on the frame grid; nullopt otherwise.
+    [[nodiscard]] std::optional<std::int64_t> frameIndexOf(const core::MediaTime& time) const;
+    /// One frame's duration in stream time stamps, rounded, at least 1.
+    [[nodiscard]] std::int64_t frameStepInStamps() const;
 };
 
 /// One sample of a stream as the index or a packet header gives it.
@@ -126,6 +134,10 @@ struct TrackSource
     /// The complete sample table in decode order when the container's index holds it with
     /// presentation times; null when cursors must demux packets.
     std::shared_ptr<const std::vector<SampleEntry>> index;
+    /// The container keeps only the decode order of a codec that reorders pictures (AVI, MXF
+    /// without temporal offsets): presentation times come from the pictures themselves
+    /// (PresentationOrder), and the packets' own presentation stamps are ignored.
+    bool hasDecodeOrderOnly = false;
     /// Where the track's readers hand their sessions on; the pool itself is not immutable.
     std::shared_ptr<DecodingSessionPool> sessions = std::make_shared<DecodingSessionPool>();
 };
