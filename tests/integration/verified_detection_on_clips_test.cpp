@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,53 @@ TEST(VerifiedDetectionOnClips, EveryCutAtItsFrameInBothModes)
         ++scanned;
     }
     EXPECT_GE(scanned, 20);
+}
+
+// The placement matrix (every codec in every container FFmpeg writes it to, 15 to 120 fps, a
+// variable rate, a black first frame): the scan marks every cut on its frame, at that frame's
+// time, whatever the container keeps of the presentation times.
+TEST(VerifiedDetectionOnClips, EveryCellOfThePlacementMatrix)
+{
+    const VideoScanService service(std::make_shared<media_ffmpeg::FFmpegAssetOpener>(),
+                                   core::Log::discard());
+    std::ifstream manifest(media_ffmpeg::testing::clipPath("placement") / "placement.txt");
+    int scanned = 0;
+    for (std::string line; std::getline(manifest, line);) {
+        std::istringstream fields(line);
+        std::string clip;
+        std::string rate;
+        std::string frameCount;
+        std::string cutList;
+        fields >> clip >> rate >> frameCount >> cutList;
+        std::vector<std::int64_t> cuts;
+        std::istringstream cutFields(cutList);
+        for (std::string cut; std::getline(cutFields, cut, ',');) {
+            cuts.push_back(std::stoll(cut));
+        }
+        SCOPED_TRACE(clip);
+        const auto markers =
+            service.scanForEdits(media_ffmpeg::testing::clipPath("placement") / clip)
+                .handle.waitForResult();
+        ASSERT_TRUE(markers) << markers.error().description;
+        std::vector<std::int64_t> frames;
+        for (const core::EditMarker& marker : *markers) {
+            frames.push_back(marker.frameIndex);
+            if (rate != "vfr") {
+                // frame x den / num seconds
+                const auto slash = rate.find('/');
+                const std::int64_t num = std::stoll(rate.substr(0, slash));
+                const std::int64_t den =
+                    slash == std::string::npos ? 1 : std::stoll(rate.substr(slash + 1));
+                EXPECT_EQ(
+                    marker.time,
+                    core::MediaTime::make(marker.frameIndex * den, static_cast<std::int32_t>(num)))
+                    << marker.frameIndex;
+            }
+        }
+        EXPECT_EQ(frames, cuts);
+        ++scanned;
+    }
+    EXPECT_GT(scanned, 60);
 }
 
 }  // namespace
