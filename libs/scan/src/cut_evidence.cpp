@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
+#include <limits>
 #include <utility>
 
 namespace kestrin::scan {
@@ -143,8 +145,16 @@ CutVerdict judgeCut(const CutEvidence& evidence)
     const float contrast = std::sqrt((evidence.contrastBefore * evidence.contrastBefore
                                       + evidence.contrastAfter * evidence.contrastAfter)
                                      / 2.0F);
+    // The fourth largest change around: the largest that is not one of up to three other cuts.
+    std::vector<float> largest = around;
+    const auto fourth = largest.begin() + std::min<std::ptrdiff_t>(3, std::ssize(largest));
+    std::nth_element(largest.begin(), fourth, largest.end(), std::greater<>());
+    const float ordinaryPeak = fourth != largest.end() ? *fourth : 0.0F;
     // How far the change clears each bar: 1 when it just does.
-    const float aboveMotion = excess / std::max(kCutDeviations * spread, kMinimumCutExcess);
+    const float aboveMotion =
+        std::min(excess / std::max(kCutDeviations * spread, kMinimumCutExcess),
+                 ordinaryPeak > 0.0F ? residual / (kCutOverPeaks * ordinaryPeak)
+                                     : std::numeric_limits<float>::infinity());
     const float aboveContrast =
         contrast > 0.0F ? excess / (kCutContrastShare * contrast) : aboveMotion;
     if (!(aboveMotion >= 1.0F && aboveContrast >= 1.0F)) {

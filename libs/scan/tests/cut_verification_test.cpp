@@ -136,6 +136,9 @@ TEST(JudgeCut, AChangeIsACutOnlyWhenSuddenLargeAndLasting)
         // The same change in a bright, detailed picture: a compression pulse, not a new shot.
         {evidence(5.8F, {2.2F, 2.3F, 2.2F}, {1.9F, 2.0F, 1.9F}, 50.0F), "weak"},
         {evidence(14, {5, 9, 4, 12}, {6, 11, 3}), "weak"},  // fast motion everywhere
+        // A grainy pan whose every other frame judders: one peak a little higher than the rest.
+        {evidence(3.9F, {1.7F, 3.3F, 2, 3.8F, 1.8F, 2.1F}, {1.9F, 2.1F, 3.4F, 2, 3.2F, 2}, 15.3F),
+         "weak"},
         // Moving pictures before, still ones after: the cut clears both.
         {evidence(38, {3, 9, 8, 4, 13, 14, 1, 15}, {0, 1, 1, 0.5F, 0.2F, 0.2F, 0.2F}), ""},
         {evidence(40, {21, 2, 1}, {1, 1}), "gradual"},  // the end of a dissolve

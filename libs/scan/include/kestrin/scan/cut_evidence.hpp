@@ -110,6 +110,9 @@ struct CutVerdict
 /// kCutDeviations robust deviations of them, and by at least kMinimumCutExcess luma levels;
 inline constexpr float kCutDeviations = 3.0F;
 inline constexpr float kMinimumCutExcess = 1.5F;
+/// it must be this many times the fourth largest change around it, so that the peaks of a regular
+/// judder or of a shaking camera do not pass while up to three other cuts nearby do;
+inline constexpr float kCutOverPeaks = 2.0F;
 /// and by this share of the pictures' contrast (the root mean square of their luma deviations): a
 /// new shot replaces the picture's content, so its residual is a sizable part of what the
 /// pictures vary by (two unrelated pictures: half of it or more), while a compression pulse or a
