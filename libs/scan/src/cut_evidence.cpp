@@ -40,7 +40,7 @@ void BoundaryAnalyzer::push(std::int64_t frameIndex,
     slot.frameIndex = frameIndex;
     slot.time = time;
     slot.plane = plane;
-    slot.contrast = lumaMoments(plane).deviation;
+    slot.moments = lumaMoments(plane);
     if (count_ == 0) {
         residuals_.push_back(0.0F);
     } else {
@@ -94,8 +94,12 @@ void BoundaryAnalyzer::examine(std::int64_t position, std::int64_t lastPosition)
     evidence.time = held(position).time;
     evidence.firstPossibleFrame = std::min(held(position - 1).frameIndex + 1, evidence.frameIndex);
     evidence.residual = residual;
-    evidence.contrastBefore = held(position - 1).contrast;
-    evidence.contrastAfter = held(position).contrast;
+    evidence.contrastBefore = held(position - 1).moments.deviation;
+    evidence.contrastAfter = held(position).moments.deviation;
+    // A change of exposure or lighting keeps the picture: measured again after matching it.
+    matchLuma(
+        held(position - 1).plane, held(position - 1).moments, held(position).moments, matched_);
+    evidence.matchedResidual = motionResidual(matched_, held(position).plane).median;
     for (std::int64_t k = 1; k <= kFlashFrames; ++k) {
         if (position + k <= lastPosition) {
             evidence.returnResidual =
@@ -167,6 +171,13 @@ CutVerdict judgeCut(const CutEvidence& evidence)
                                      evidence.after.empty() ? 0.0F : evidence.after.front());
     if (neighbour >= kGradualShare * residual) {
         return {false, 0.0F, "gradual"};
+    }
+    // Matching the exposure cannot make a flat picture textured or halve a contrast beyond the
+    // gain matchLuma allows; within that, a change it removes kept the picture.
+    const float low = std::min(evidence.contrastBefore, evidence.contrastAfter);
+    const float high = std::max(evidence.contrastBefore, evidence.contrastAfter);
+    if (high <= 2.0F * low && evidence.matchedResidual < kLightingShare * residual) {
+        return {false, 0.0F, "lighting"};
     }
     const float strength = std::min(aboveMotion, aboveContrast);
     const float confidence = (1.0F - 0.5F / strength) * (1.0F - neighbour / residual);

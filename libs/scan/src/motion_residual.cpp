@@ -230,4 +230,25 @@ LumaMoments lumaMoments(const LumaPlane& plane)
     return {static_cast<float>(mean), static_cast<float>(std::sqrt(variance))};
 }
 
+void matchLuma(const LumaPlane& source, LumaMoments from, LumaMoments to, LumaPlane& out)
+{
+    if (out.width() != source.width() || out.height() != source.height()) {
+        out = LumaPlane(source.width(), source.height());
+    }
+    constexpr float kMinimumDeviation = 1.0F;
+    const float gain =
+        std::clamp(to.deviation / std::max(from.deviation, kMinimumDeviation), 0.5F, 2.0F);
+    const float offset = to.mean - gain * from.mean;
+    std::array<std::uint8_t, 256> table{};
+    for (std::size_t value = 0; value < table.size(); ++value) {
+        table[value] = static_cast<std::uint8_t>(
+            std::clamp(std::lround(gain * static_cast<float>(value) + offset), 0L, 255L));
+    }
+    const auto in = source.bytes();
+    const auto result = out.bytes();
+    for (std::size_t i = 0; i < in.size(); ++i) {
+        result[i] = table[in[i]];
+    }
+}
+
 }  // namespace kestrin::scan

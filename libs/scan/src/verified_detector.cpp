@@ -4,6 +4,7 @@
 #include <kestrin/scan/scan_error.hpp>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <string>
@@ -302,9 +303,9 @@ core::Expected<std::vector<core::EditMarker>> verifyCuts(const DetectionContext&
                                                          std::vector<core::EditMarker> candidates)
 {
     Markers cuts;
-    int weak = 0;
-    int gradual = 0;
-    int flash = 0;
+    // Rejections by reason, in judgeCut's order; a candidate without evidence counts as weak.
+    std::array<std::pair<std::string_view, int>, 4> rejected{
+        {{"weak", 0}, {"flash", 0}, {"gradual", 0}, {"lighting", 0}}};
     for (std::size_t i = 0; i < candidates.size(); ++i) {
         if (context.stopToken.stop_requested()) {
             return scan_error::cancelled();
@@ -323,22 +324,23 @@ core::Expected<std::vector<core::EditMarker>> verifyCuts(const DetectionContext&
         const CutVerdict verdict = evidence != nullptr ? judgeCut(*evidence) : CutVerdict{};
         if (verdict.isCut) {
             cuts.push_back({evidence->frameIndex, evidence->time, verdict.confidence});
-        } else if (verdict.reason == "gradual") {
-            ++gradual;
-        } else if (verdict.reason == "flash") {
-            ++flash;
         } else {
-            ++weak;
+            auto reason = std::ranges::find(
+                rejected, verdict.reason, &std::pair<std::string_view, int>::first);
+            (reason != rejected.end() ? reason : rejected.begin())->second += 1;
         }
         context.reportProgress(static_cast<double>(i + 1) / static_cast<double>(candidates.size()));
     }
     std::ranges::sort(cuts, {}, &core::EditMarker::frameIndex);
     const auto [first, last] = std::ranges::unique(cuts, {}, &core::EditMarker::frameIndex);
     cuts.erase(first, last);
-    context.log.line("verifyCuts: kept " + std::to_string(cuts.size()) + " of "
-                     + std::to_string(candidates.size()) + " candidates (" + std::to_string(weak)
-                     + " weak, " + std::to_string(gradual) + " gradual, " + std::to_string(flash)
-                     + " flash).");
+    std::string line = "verifyCuts: kept " + std::to_string(cuts.size()) + " of "
+                       + std::to_string(candidates.size()) + " candidates (";
+    for (const auto& [reason, count] : rejected) {
+        line += std::to_string(count) + " " + std::string(reason)
+                + (reason == rejected.back().first ? ")." : ", ");
+    }
+    context.log.line(line);
     return cuts;
 }
 
@@ -346,7 +348,7 @@ Detector verifiedDetector()
 {
     return Detector{
         .name = std::string(kDefaultDetectorName),
-        .summary = "every candidate verified against flashes, dissolves and motion",
+        .summary = "every candidate verified: no flashes, dissolves, motion or lighting",
         .keyframeStages = {DetectionStage{syncWindowStep, 0.9}, DetectionStage{verifyCuts, 0.1}},
         .fullDecodeStages = {DetectionStage{boundaryPassStep, 0.95},
                              DetectionStage{verifyCuts, 0.05}},

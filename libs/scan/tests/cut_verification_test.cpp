@@ -125,8 +125,14 @@ TEST(JudgeCut, AChangeIsACutOnlyWhenSuddenLargeAndLasting)
         e.contrastBefore = contrast;
         e.contrastAfter = contrast;
         e.returnResidual = returned;
+        e.matchedResidual = residual;
         return e;
     };
+    CutEvidence lighting = evidence(25, {1, 1.2F, 0.9F}, {1, 1.1F, 0.8F});
+    lighting.matchedResidual = 1.1F;
+    // Out of black: no exposure makes a flat picture textured.
+    CutEvidence outOfBlack = lighting;
+    outOfBlack.contrastBefore = 0.5F;
     const std::vector<std::pair<CutEvidence, std::string_view>> rows = {
         {evidence(40, {1, 1.2F, 0.9F}, {1, 1.1F, 0.8F}), ""},
         {evidence(40, {}, {}), ""},  // a clip of two frames
@@ -146,6 +152,8 @@ TEST(JudgeCut, AChangeIsACutOnlyWhenSuddenLargeAndLasting)
         {evidence(40, {1, 1}, {1, 19, 1}), ""},  // a cut and another two frames later
         {evidence(40, {1, 1, 1}, {1, 1, 1}, 50.0F, 3.0F), "flash"},
         {evidence(40, {1, 1, 1}, {1, 1, 1}, 50.0F, 12.0F), ""},  // a shot like one before it
+        {lighting, "lighting"},
+        {outOfBlack, ""},
     };
     for (const auto& [row, reason] : rows) {
         const CutVerdict verdict = judgeCut(row);
@@ -318,7 +326,7 @@ TEST(VerifyCuts, JudgesCandidatesWithoutEvidenceOnTheirNeighbourhood)
     EXPECT_EQ(frames, (Frames{40, 100}));
     EXPECT_EQ(lines,
               std::vector<std::string>{
-                  "verifyCuts: kept 2 of 5 candidates (1 weak, 0 gradual, 2 flash)."});
+                  "verifyCuts: kept 2 of 5 candidates (1 weak, 2 flash, 0 gradual, 0 lighting)."});
 }
 
 TEST(VerifiedDetector, MarksTheFirstFrameOfEachShotInBothModes)

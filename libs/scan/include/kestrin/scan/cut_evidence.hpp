@@ -41,6 +41,9 @@ struct CutEvidence
     /// kFlashFrames pictures before the one before: low when the picture returns (a flash, a
     /// corrupt frame). Infinite when there was no such pair to compare.
     float returnResidual = std::numeric_limits<float>::infinity();
+    /// The residual once the picture before the change is matched to the mean and deviation of
+    /// the picture after it (matchLuma): small when only exposure or lighting changed.
+    float matchedResidual = 0.0F;
     /// The luma standard deviation of the picture before the change and of the picture after it.
     float contrastBefore = 0.0F;
     float contrastAfter = 0.0F;
@@ -75,7 +78,7 @@ private:
         std::int64_t frameIndex = 0;
         core::MediaTime time;
         LumaPlane plane;
-        float contrast = 0.0F;
+        LumaMoments moments;
     };
 
     void examine(std::int64_t position, std::int64_t lastPosition);
@@ -88,6 +91,8 @@ private:
     /// The next position whose change has not been examined.
     std::int64_t nextToExamine_ = 1;
     Shift motion_;
+    /// Scratch: a picture matched to the exposure of the one after it.
+    LumaPlane matched_;
     std::vector<float> residuals_;
     /// Examined changes worth judging, waiting for the residuals after them.
     std::deque<std::pair<std::int64_t, CutEvidence>> waiting_;
@@ -101,7 +106,7 @@ struct CutVerdict
     /// For a cut, how clearly it is one, above 0 up to 1 (how far it clears the bars below, less
     /// the share of its change that its larger neighbour repeats); 0 otherwise.
     float confidence = 0.0F;
-    /// Why not, for the log: "weak", "flash", "gradual"; empty for a cut.
+    /// Why not, for the log: "weak", "flash", "gradual", "lighting"; empty for a cut.
     std::string_view reason;
 };
 
@@ -122,13 +127,16 @@ inline constexpr float kCutContrastShare = 0.1F;
 /// A change after which (or before which) the earlier picture returns to within this share of it
 /// is a flash or a corrupt frame;
 inline constexpr float kReturnShare = 0.2F;
-/// and a change whose larger neighbour is at least this share of it is spread over frames (a
-/// dissolve, a fade, a wipe, motion blur), not a cut.
+/// a change whose larger neighbour is at least this share of it is spread over frames (a
+/// dissolve, a fade, a wipe, motion blur), not a cut;
 inline constexpr float kGradualShare = 0.5F;
+/// and a change that matching the earlier picture's exposure to the later one's (matchLuma)
+/// leaves below this share of it is a change of lighting or exposure: the picture stayed.
+inline constexpr float kLightingShare = 0.15F;
 
 /// Judges a change from its evidence alone: a cut clears the bars above, else it is "weak",
-/// "flash" or "gradual" (tested in that order). The median and the deviation of the changes
-/// around are taken over both sides together. Pure; cost: two small sorts.
+/// "flash", "gradual" or "lighting" (tested in that order). The median and the deviation of the
+/// changes around are taken over both sides together. Pure; cost: two small sorts.
 [[nodiscard]] CutVerdict judgeCut(const CutEvidence& evidence);
 
 /// The evidence gathered during one scan, by frame index, for the stages after the one that

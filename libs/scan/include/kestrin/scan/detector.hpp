@@ -132,10 +132,11 @@ inline constexpr int kWindowFrames = 6;
 inline constexpr int kSyncReach = 2;
 
 /// The verification stage: keeps the candidates that judgeCut() finds to be cuts, with its
-/// confidence, and drops flashes, dissolves, fades and motion. Evidence comes from the context's
-/// store; a candidate without any is judged on the frames kWindowFrames either side of it,
-/// decoded here (the strongest change worth judging within 2 frames of it stands for it). Logs
-/// "verifyCuts: kept K of N candidates (W weak, G gradual, F flash)." Progress per candidate.
+/// confidence, and drops flashes, dissolves, fades, motion and changes of lighting. Evidence comes
+/// from the context's store; a candidate without any is judged on the frames kWindowFrames either
+/// side of it, decoded here (the strongest change worth judging within 2 frames of it stands for
+/// it). Logs "verifyCuts: kept K of N candidates (W weak, F flash, G gradual, L lighting)."
+/// Progress per candidate.
 ///
 /// Errors: those of decoding a neighbourhood (as decodeWindowFrames); scan_error::cancelled().
 [[nodiscard]] core::Expected<std::vector<core::EditMarker>> verifyCuts(

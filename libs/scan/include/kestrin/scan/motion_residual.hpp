@@ -60,4 +60,11 @@ struct LumaMoments
 };
 [[nodiscard]] LumaMoments lumaMoments(const LumaPlane& plane);
 
+/// `source` (whose moments are `from`) with its luma mapped linearly onto the moments `to`, into
+/// `out` (resized to match): the gain is the ratio of the deviations, limited to 0.5 ... 2, and the
+/// offset moves the mean. Comparing the result with the picture of moments `to` leaves out a
+/// change of exposure or lighting, which keeps the picture's structure; a new shot does not.
+/// Cost: one table lookup per sample. Any thread.
+void matchLuma(const LumaPlane& source, LumaMoments from, LumaMoments to, LumaPlane& out);
+
 }  // namespace kestrin::scan
