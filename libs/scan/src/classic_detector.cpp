@@ -7,18 +7,26 @@
 
 namespace kestrin::scan {
 
+core::Expected<std::vector<core::SyncSample>> syncSamplesOrSwitch(const DetectionContext& context)
+{
+    core::Expected<std::vector<core::SyncSample>> syncs =
+        collectSyncSamplesFast(context.track, context.log);
+    if (syncs && syncs->empty()) {
+        // Nothing to confirm: no edits. Decoding the whole file instead is deliberately not tried;
+        // the consumer learns the mode changed and the scan is done.
+        context.switchMode(core::ScanMode::noKeyframes);
+    }
+    return syncs;
+}
+
 core::Expected<std::vector<core::EditMarker>> classicKeyframeStep(
     const DetectionContext& context, std::vector<core::EditMarker> /*candidates*/)
 {
-    const core::Expected<std::vector<core::SyncSample>> syncs =
-        collectSyncSamplesFast(context.track, context.log);
+    const core::Expected<std::vector<core::SyncSample>> syncs = syncSamplesOrSwitch(context);
     if (!syncs) {
         return syncs.error();
     }
     if (syncs->empty()) {
-        // Nothing to confirm: no edits. Decoding the whole file instead is deliberately not tried;
-        // the consumer learns the mode changed and the scan is done.
-        context.switchMode(core::ScanMode::noKeyframes);
         return std::vector<core::EditMarker>{};
     }
     return confirmEditsNearSyncs(context.asset,

@@ -233,13 +233,11 @@ core::Expected<std::vector<core::EditMarker>> boundaryPassStep(const DetectionCo
 core::Expected<std::vector<core::EditMarker>> syncWindowStep(const DetectionContext& context,
                                                              std::vector<core::EditMarker>)
 {
-    const core::Expected<std::vector<core::SyncSample>> syncs =
-        collectSyncSamplesFast(context.track, context.log);
+    const core::Expected<std::vector<core::SyncSample>> syncs = syncSamplesOrSwitch(context);
     if (!syncs) {
         return syncs.error();
     }
     if (syncs->empty()) {
-        context.switchMode(core::ScanMode::noKeyframes);
         return Markers{};
     }
     const core::Expected<FrameRateRational> rate = frameRateRational(context.track);

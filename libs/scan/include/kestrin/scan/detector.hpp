@@ -4,6 +4,7 @@
 #include <kestrin/core/error.hpp>
 #include <kestrin/core/log.hpp>
 #include <kestrin/core/scan_mode.hpp>
+#include <kestrin/core/sync_sample.hpp>
 #include <kestrin/media/asset.hpp>
 #include <kestrin/scan/cut_evidence.hpp>
 #include <kestrin/scan/frame_access.hpp>
@@ -147,6 +148,12 @@ inline constexpr int kSyncReach = 2;
 /// the sync sample's decode-order index), in full-decode mode detectEditsByDecoding. Their
 /// parameters are the ones the scan has always used.
 [[nodiscard]] Detector classicDetector();
+
+/// The sync samples of the context's track (collectSyncSamplesFast, logging its line); when it
+/// lists none, the scan is switched to noKeyframes, and a keyframe step then returns no markers.
+/// Errors: collectSyncSamplesFast's.
+[[nodiscard]] core::Expected<std::vector<core::SyncSample>> syncSamplesOrSwitch(
+    const DetectionContext& context);
 
 /// The keyframe step of classicDetector(): collectSyncSamplesFast, then confirmEditsNearSyncs
 /// with the default ConfirmationParameters; a track without sync samples switches the scan to
