@@ -100,6 +100,7 @@ void BoundaryAnalyzer::examine(std::int64_t position, std::int64_t lastPosition)
     matchLuma(
         held(position - 1).plane, held(position - 1).moments, held(position).moments, matched_);
     evidence.matchedResidual = motionResidual(matched_, held(position).plane).median;
+    evidence.correlation = lumaCorrelation(held(position - 1).plane, held(position).plane);
     for (std::int64_t k = 1; k <= kFlashFrames; ++k) {
         if (position + k <= lastPosition) {
             evidence.returnResidual =
@@ -173,10 +174,12 @@ CutVerdict judgeCut(const CutEvidence& evidence)
         return {false, 0.0F, "gradual"};
     }
     // Matching the exposure cannot make a flat picture textured or halve a contrast beyond the
-    // gain matchLuma allows; within that, a change it removes kept the picture.
+    // gain matchLuma allows; within that, a change it removes between pictures of the same
+    // structure kept the picture.
     const float low = std::min(evidence.contrastBefore, evidence.contrastAfter);
     const float high = std::max(evidence.contrastBefore, evidence.contrastAfter);
-    if (high <= 2.0F * low && evidence.matchedResidual < kLightingShare * residual) {
+    if (high <= 2.0F * low && evidence.correlation >= kLightingCorrelation
+        && evidence.matchedResidual < kLightingShare * residual) {
         return {false, 0.0F, "lighting"};
     }
     const float strength = std::min(aboveMotion, aboveContrast);

@@ -251,4 +251,38 @@ void matchLuma(const LumaPlane& source, LumaMoments from, LumaMoments to, LumaPl
     }
 }
 
+float lumaCorrelation(const LumaPlane& a, const LumaPlane& b)
+{
+    if (a.width() != b.width() || a.height() != b.height() || a.size() == 0) {
+        return 0.0F;
+    }
+    std::int64_t sumA = 0;
+    std::int64_t sumB = 0;
+    std::int64_t sumAA = 0;
+    std::int64_t sumBB = 0;
+    std::int64_t sumAB = 0;
+    const auto x = a.bytes();
+    const auto y = b.bytes();
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        const std::int64_t p = x[i];
+        const std::int64_t q = y[i];
+        sumA += p;
+        sumB += q;
+        sumAA += p * p;
+        sumBB += q * q;
+        sumAB += p * q;
+    }
+    const auto n = static_cast<double>(x.size());
+    const double covariance =
+        static_cast<double>(sumAB) - static_cast<double>(sumA) * static_cast<double>(sumB) / n;
+    const double varianceA =
+        static_cast<double>(sumAA) - static_cast<double>(sumA) * static_cast<double>(sumA) / n;
+    const double varianceB =
+        static_cast<double>(sumBB) - static_cast<double>(sumB) * static_cast<double>(sumB) / n;
+    if (varianceA <= 0.0 || varianceB <= 0.0) {
+        return 0.0F;
+    }
+    return static_cast<float>(covariance / std::sqrt(varianceA * varianceB));
+}
+
 }  // namespace kestrin::scan

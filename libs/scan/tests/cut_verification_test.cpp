@@ -130,6 +130,11 @@ TEST(JudgeCut, AChangeIsACutOnlyWhenSuddenLargeAndLasting)
     };
     CutEvidence lighting = evidence(25, {1, 1.2F, 0.9F}, {1, 1.1F, 0.8F});
     lighting.matchedResidual = 1.1F;
+    lighting.correlation = 0.97F;
+    // Flat picture to smooth gradient: matching removes the change, but nothing of the earlier
+    // picture's structure is in the later one.
+    CutEvidence flatToGradient = lighting;
+    flatToGradient.correlation = 0.1F;
     // Out of black: no exposure makes a flat picture textured.
     CutEvidence outOfBlack = lighting;
     outOfBlack.contrastBefore = 0.5F;
@@ -154,6 +159,7 @@ TEST(JudgeCut, AChangeIsACutOnlyWhenSuddenLargeAndLasting)
         {evidence(40, {1, 1, 1}, {1, 1, 1}, 50.0F, 12.0F), ""},  // a shot like one before it
         {lighting, "lighting"},
         {outOfBlack, ""},
+        {flatToGradient, ""},
     };
     for (const auto& [row, reason] : rows) {
         const CutVerdict verdict = judgeCut(row);

@@ -44,6 +44,8 @@ struct CutEvidence
     /// The residual once the picture before the change is matched to the mean and deviation of
     /// the picture after it (matchLuma): small when only exposure or lighting changed.
     float matchedResidual = 0.0F;
+    /// The correlation of the two pictures (lumaCorrelation): near 1 when the picture stayed.
+    float correlation = 0.0F;
     /// The luma standard deviation of the picture before the change and of the picture after it.
     float contrastBefore = 0.0F;
     float contrastAfter = 0.0F;
@@ -130,8 +132,10 @@ inline constexpr float kReturnShare = 0.2F;
 /// a change whose larger neighbour is at least this share of it is spread over frames (a
 /// dissolve, a fade, a wipe, motion blur), not a cut;
 inline constexpr float kGradualShare = 0.5F;
-/// and a change that matching the earlier picture's exposure to the later one's (matchLuma)
-/// leaves below this share of it is a change of lighting or exposure: the picture stayed.
+/// and a change between pictures that correlate by at least kLightingCorrelation, and that
+/// matching the earlier picture's exposure to the later one's (matchLuma) leaves below
+/// kLightingShare of, is a change of lighting or exposure: the picture stayed.
+inline constexpr float kLightingCorrelation = 0.9F;
 inline constexpr float kLightingShare = 0.15F;
 
 /// Judges a change from its evidence alone: a cut clears the bars above, else it is "weak",

@@ -67,4 +67,9 @@ struct LumaMoments
 /// Cost: one table lookup per sample. Any thread.
 void matchLuma(const LumaPlane& source, LumaMoments from, LumaMoments to, LumaPlane& out);
 
+/// The Pearson correlation of two planes of equal size, sample by sample: near 1 when one is the
+/// other under a change of exposure, near 0 for unrelated pictures; 0 when either is flat or the
+/// sizes differ. Cost: one pass. Any thread.
+[[nodiscard]] float lumaCorrelation(const LumaPlane& a, const LumaPlane& b);
+
 }  // namespace kestrin::scan
