@@ -7,6 +7,7 @@
 #include <array>
 #include <cmath>
 #include <cstdlib>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -244,56 +245,65 @@ core::Expected<std::vector<core::EditMarker>> syncWindowStep(const DetectionCont
     if (!rate) {
         return rate.error();
     }
-    Markers candidates;
-    // Every frame the windows deliver, in time order: the windows' own and the reference frames
-    // decoded on the way to them, so nearly the whole track, thinned of the frames nothing refers
-    // to. It finds the cuts the encoder gave no sync sample.
-    BoundaryAnalyzer sparse;
-    core::MediaTime lastSparse = core::MediaTime::negativeInfinity();
+    // Every frame the windows deliver goes through one analyzer in time order: the windows' own,
+    // consecutive, and the reference frames decoded on the way to them, so nearly the whole track,
+    // thinned of the frames nothing refers to.
+    BoundaryAnalyzer analyzer;
+    std::vector<CutEvidence> found;
+    core::MediaTime last = core::MediaTime::negativeInfinity();
     for (std::size_t k = 0; k < syncs->size(); ++k) {
         if (context.stopToken.stop_requested()) {
             return scan_error::cancelled();
         }
-        const core::SyncSample& sync = (*syncs)[k];
-        if (sync.time.isNumeric()) {
-            BoundaryAnalyzer window;
+        if ((*syncs)[k].time.isNumeric()) {
             const core::Status read = readAround(
                 context,
-                sync.time,
+                (*syncs)[k].time,
                 true,
                 [&](std::int64_t index, const media::LumaFrame& frame, const LumaPlane& plane) {
-                    if (!frame.isLeadIn) {
-                        window.push(index, frame.presentationTime, plane);
-                    }
                     // A reader that seeks starts its lead-in at a sync sample, which may lie
                     // before the last window's end.
-                    if (frame.presentationTime > lastSparse) {
-                        sparse.push(index, frame.presentationTime, plane);
-                        lastSparse = frame.presentationTime;
+                    if (frame.presentationTime > last) {
+                        analyzer.push(index, frame.presentationTime, plane);
+                        last = frame.presentationTime;
                     }
                 });
             if (!read) {
                 return read.error();
             }
-            window.finish();
-            std::optional<CutEvidence> best =
-                strongestNear(window.takeEvidence(), frameIndexAt(sync.time, *rate), kSyncReach);
-            if (best) {
-                candidates.push_back({best->frameIndex, best->time, std::nullopt});
-                context.evidence.add(std::move(*best));
-            }
+            std::ranges::move(analyzer.takeEvidence(), std::back_inserter(found));
         }
         context.reportProgress(static_cast<double>(k + 1) / static_cast<double>(syncs->size()));
     }
-    sparse.finish();
-    if (auto found = cutsWithoutSyncSample(context, sparse.takeEvidence(), candidates); found) {
-        candidates.insert(candidates.end(), found->begin(), found->end());
-    } else {
-        return found.error();
+    analyzer.finish();
+    std::ranges::move(analyzer.takeEvidence(), std::back_inserter(found));
+
+    // Near each sync sample the strongest change is the candidate, judged later; elsewhere the
+    // changes that pass the verification are the cuts the encoder gave no sync sample.
+    Markers candidates;
+    for (const core::SyncSample& sync : *syncs) {
+        if (!sync.time.isNumeric()) {
+            continue;
+        }
+        const std::int64_t syncFrame = frameIndexAt(sync.time, *rate);
+        const auto best = std::ranges::max_element(found, {}, [&](const CutEvidence& evidence) {
+            return std::abs(evidence.frameIndex - syncFrame) <= kSyncReach ? evidence.residual
+                                                                           : -1.0F;
+        });
+        if (best != found.end() && std::abs(best->frameIndex - syncFrame) <= kSyncReach
+            && context.evidence.find(best->frameIndex) == nullptr) {
+            candidates.push_back({best->frameIndex, best->time, std::nullopt});
+            context.evidence.add(*best);
+        }
     }
+    auto away = cutsWithoutSyncSample(context, std::move(found), candidates);
+    if (!away) {
+        return away.error();
+    }
+    candidates.insert(candidates.end(), away->begin(), away->end());
     std::ranges::sort(candidates, {}, &core::EditMarker::frameIndex);
-    const auto [first, last] = std::ranges::unique(candidates, {}, &core::EditMarker::frameIndex);
-    candidates.erase(first, last);
+    const auto [first, end] = std::ranges::unique(candidates, {}, &core::EditMarker::frameIndex);
+    candidates.erase(first, end);
     return candidates;
 }
 
