@@ -106,16 +106,15 @@ inline constexpr std::string_view kDefaultDetectorName = "default";
     const DetectionContext& context, std::vector<core::EditMarker> candidates);
 
 /// For every sync sample (collectSyncSamplesFast; none switches the scan to noKeyframes), decodes
-/// kWindowFrames frames either side of it through a BoundaryAnalyzer and takes the strongest change
-/// worth judging within kSyncReach frames of it (an open GOP puts a cut's first frames before
-/// the sync sample in presentation order) as a candidate with its evidence. Frames are numbered
-/// by their time at frameRateRational(track). Progress after each sync sample.
-///
-/// Cuts the encoder gave no sync sample: the windows' readers also deliver their lead-in, the
-/// reference frames decoded anyway on the way from one window to the next, and every frame
-/// delivered goes, in time order, through one more analyzer. A change there that judgeCut()
-/// accepts, away from the windows' candidates, is a candidate too; when frames between the two
-/// pictures were skipped (frames nothing refers to), the frames around it are decoded to pin it.
+/// kWindowFrames frames either side of it, with the lead-in its reader decodes on the way there
+/// (the reference frames between the windows), and hands every frame, in time order, to one
+/// BoundaryAnalyzer; frames are numbered by their time at frameRateRational(track). The strongest
+/// change worth judging within kSyncReach frames of a sync sample (an open GOP puts a cut's first
+/// frames before it in presentation order) is that sample's candidate. A change elsewhere that
+/// judgeCut() accepts is a cut the encoder gave no sync sample, and a candidate too; when frames
+/// between its two pictures were skipped (frames nothing refers to), the frames around it are
+/// decoded to pin it. Each candidate's evidence goes to the store. Progress after each sync
+/// sample.
 ///
 /// Errors: as decodeWindowFrames; scan_error::cancelled() on a stop. Cost: the windows, decoded
 /// one after another with the track's decoder handed from each to the next; the lead-in's
@@ -125,9 +124,9 @@ inline constexpr std::string_view kDefaultDetectorName = "default";
     const DetectionContext& context, std::vector<core::EditMarker> candidates);
 
 /// Frame durations decoded either side of a sync sample or a candidate without evidence: enough
-/// for the changes around it and the flash test, few enough that a window costs little more than
-/// the decoding that reaching its sync sample needs anyway.
-inline constexpr int kWindowFrames = 6;
+/// for the flash test, few enough that a window costs little more than the decoding that reaching
+/// its sync sample needs anyway (the lead-in gives the changes before it).
+inline constexpr int kWindowFrames = 4;
 /// How far from its sync sample a cut is looked for (an open GOP shows up to two leading pictures
 /// of the new shot before its sync sample).
 inline constexpr int kSyncReach = 2;
