@@ -1,11 +1,14 @@
 #include "ffmpeg_support.hpp"
 
+#include "local_file_input.hpp"
+
 #include <array>
 #include <limits>
 #include <string>
 
 extern "C" {
 #include <libavutil/error.h>
+#include <libavutil/mem.h>
 }
 
 namespace kestrin::media_ffmpeg::detail {
@@ -44,7 +47,10 @@ int errorInvalidData()
 
 void FormatContextDeleter::operator()(AVFormatContext* context) const
 {
+    // The input was handed to the context in openInput; the context does not close custom I/O.
+    auto* input = static_cast<LocalFileInput*>(context->opaque);
     avformat_close_input(&context);
+    delete input;  // NOLINT(cppcoreguidelines-owning-memory)
 }
 
 void PacketDeleter::operator()(AVPacket* packet) const
@@ -90,26 +96,45 @@ core::Expected<FormatContextPointer> openInput(const std::filesystem::path& path
                                                Interrupt& interrupt,
                                                bool findStreamInfo)
 {
+    core::Expected<std::unique_ptr<LocalFileInput>> input = LocalFileInput::open(path, interrupt);
+    if (!input) {
+        return input.error();
+    }
     AVFormatContext* raw = avformat_alloc_context();
     if (raw == nullptr) {
         return ffmpegError(AVERROR(ENOMEM));
     }
     raw->interrupt_callback.callback = &interruptCallback;
     raw->interrupt_callback.opaque = &interrupt;
+    raw->pb = (*input)->io();
+    raw->flags |= AVFMT_FLAG_CUSTOM_IO;
+    // Nothing but the file itself is read: demuxers that would open what the file names
+    // (playlists, concatenation lists) are refused, and so are the protocols of any nested
+    // context they make, which inherit this whitelist of none.
+    raw->io_open = &refuseNestedOpen;
+    raw->protocol_whitelist = av_strdup("none");
     // Streams that stamp only some frames (MPEG program streams put a time on the first frame of
     // each packet) get the missing presentation times from the frames that follow, so the
     // cursor and the reader see the same time for every sample.
     raw->flags |= AVFMT_FLAG_GENPTS;
-    // avformat_open_input frees the context when it fails.
-    const int opened = avformat_open_input(&raw, path.c_str(), nullptr, nullptr);
-    if (opened < 0) {
-        return ffmpegError(opened);
+    // Probed here, as avformat_open_input would, to name the formats that only list other files.
+    const AVInputFormat* format = nullptr;
+    const int probed = av_probe_input_buffer2(raw->pb, &format, path.c_str(), raw, 0, 0);
+    if (probed < 0 || isListOfOtherFiles(*format)) {
+        avformat_free_context(raw);
+        return probed < 0 ? inputError(probed) : listRefused(*format);
     }
+    // avformat_open_input frees the context when it fails (not the input, which is ours).
+    const int opened = avformat_open_input(&raw, path.c_str(), format, nullptr);
+    if (opened < 0) {
+        return inputError(opened);
+    }
+    raw->opaque = input->release();  // closed by FormatContextDeleter
     FormatContextPointer context(raw);
     if (findStreamInfo || (context->ctx_flags & AVFMTCTX_NOHEADER) != 0) {
         const int found = avformat_find_stream_info(context.get(), nullptr);
         if (found < 0) {
-            return ffmpegError(found);
+            return inputError(found);
         }
     }
     return context;

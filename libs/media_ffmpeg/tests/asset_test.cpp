@@ -6,9 +6,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace kestrin::media_ffmpeg {
 namespace {
@@ -92,6 +97,50 @@ TEST(FFmpegAssetOpening, BadFilesAndStopRequestsGiveFFmpegErrors)
         EXPECT_EQ(asset.error().domain + ": " + asset.error().description,
                   "FFmpeg: " + description);
     }
+}
+
+// Only the local file named is read: a path that looks like a URL is a file name, a file that
+// lists other files is refused unread, and what is not a regular file is refused before anything
+// reads it (a FIFO without a writer would block a plain open for ever).
+TEST(FFmpegAssetOpening, OnlyTheRegularFileNamedIsRead)
+{
+    const std::filesystem::path dir = std::filesystem::path(::testing::TempDir())
+                                      / ("kestrin_inputs_" + std::to_string(::getpid()));
+    std::filesystem::create_directories(dir);
+    const std::string clip = clipPath("h264-cuts.mp4");
+    const auto write = [&](const char* name, const std::string& text) {
+        std::ofstream(dir / name) << text;
+        return (dir / name).string();
+    };
+    const std::string fifo = (dir / "fifo.mp4").string();
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const std::string missing = "No such file or directory";
+    const auto list = [](const char* format) {
+        return "Input: Is a list of other files or addresses (" + std::string(format)
+               + "), not a video file; only the file itself is read";
+    };
+    const std::pair<std::string, std::string> rows[] = {
+        {"http://127.0.0.1:9/clip.mp4", "FFmpeg: " + missing},
+        {"concat:" + clip + "|" + clip, "FFmpeg: " + missing},
+        {"subfile:,,start,0,end,1000,,:" + clip, "FFmpeg: " + missing},
+        {"pipe:0", "FFmpeg: " + missing},
+        {write("playlist.mp4",
+               "#EXTM3U\n#EXT-X-TARGETDURATION:10\n#EXTINF:10,\n" + clip + "\n#EXT-X-ENDLIST\n"),
+         list("Apple HTTP Live Streaming")},
+        {write("list.mp4", "ffconcat version 1.0\nfile '" + clip + "'\n"),
+         list("Virtual concatenation script")},
+        {fifo, "Input: Is a FIFO, not a video file; only regular files can be scanned"},
+        {"/dev/null",
+         "Input: Is a character device, not a video file; only regular files can be "
+         "scanned"},
+        {dir.string(), "FFmpeg: Is a directory"},
+    };
+    for (const auto& [path, description] : rows) {
+        const auto asset = FFmpegAssetOpener().openAsset(path);
+        ASSERT_FALSE(asset) << path;
+        EXPECT_EQ(asset.error().domain + ": " + asset.error().description, description) << path;
+    }
+    std::filesystem::remove_all(dir);
 }
 
 TEST(FFmpegLog, DeliversWholeLinesAtTheChosenLevel)

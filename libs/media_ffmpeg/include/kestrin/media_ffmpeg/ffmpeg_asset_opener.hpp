@@ -30,6 +30,16 @@ namespace kestrin::media_ffmpeg {
 ///    reorder frames, such as ProRes, Motion-JPEG and DV); otherwise from demuxed packets (no
 ///    decoding), read as the cursor moves.
 ///
+/// Inputs: a path is always a local file name, never a URL ("http://...", "concat:...",
+/// "pipe:0" name files), and only that file is read. What is not a regular file is refused
+/// before it is read, without blocking (a FIFO with no writer included): domain "Input", code 1,
+/// "Is a FIFO, not a video file; only regular files can be scanned" (or a character device, a
+/// block device, a socket); a directory gives FFmpeg's "Is a directory". A file that only names
+/// other files or addresses to read (an HLS or DASH playlist, a concatenation list, an IMF
+/// composition, an SDP description), whatever its extension, is refused unread: domain "Input",
+/// code 2, "Is a list of other files or addresses (<format>), not a video file; only the file
+/// itself is read".
+///
 /// Errors: FFmpeg's own failures come back as domain "FFmpeg", code the AVERROR value and as
 /// description FFmpeg's text for that code unchanged ("No such file or directory", "Invalid data
 /// found when processing input"); the description does not name the file, the caller knows which
