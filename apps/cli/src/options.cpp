@@ -104,7 +104,8 @@ core::Expected<Options> parseOptions(std::span<const std::string_view> args)
         };
         const bool takesValue = arg == "--session-start" || arg == "--video-start"
                                 || arg == "--rate" || arg == "-o" || arg == "--output"
-                                || arg == "--marker-name" || arg == "--detector";
+                                || arg == "--marker-name" || arg == "--detector"
+                                || arg == "--cut-list";
         std::optional<std::string_view> given;
         if (takesValue) {
             given = value();
@@ -126,6 +127,10 @@ core::Expected<Options> parseOptions(std::span<const std::string_view> args)
             options.output = std::filesystem::path(*given);
         } else if (arg == "--marker-name") {
             options.markerName = *given;
+        } else if (arg == "--cut-list") {
+            options.cutList = std::filesystem::path(*given);
+        } else if (arg == "--plain-midi") {
+            options.layout = midi::MarkerFileLayout::Plain;
         } else if (arg == "--detector") {
             if (!scan::findDetector(*given)) {
                 return usage("--detector: no detector called " + std::string(*given));
@@ -179,6 +184,9 @@ core::Expected<Options> parseOptions(std::span<const std::string_view> args)
     if (options.output && !options.writeMIDI) {
         return usage("--output and --no-midi exclude each other");
     }
+    if (options.cutList && options.videos.size() > 1) {
+        return usage("--cut-list needs exactly one video");
+    }
     return options;
 }
 
@@ -204,8 +212,12 @@ Options:
   --non-drop-frame     count non-drop at 29.97 and 59.94, whatever the file says
   -o, --output PATH    where to write the MIDI file (one video only)
   --no-midi            scan only, write no MIDI file
+  --plain-midi         write the MIDI file in the older plain layout: 19200 ticks
+                       per quarter at 60 BPM, no frame-rate or channel event
+                       (Ardour drops such a track, markers and all)
+  --cut-list PATH      also write the cuts as a tab-separated list (one video only)
   --marker-name TEXT   text of the cut markers; {n} is the cut's number, {tc} its
-                       timecode (default: a single space)
+                       timecode (default: "Cut {n}"; " " leaves them blank)
   --detector NAME      how cuts are found (default: )"
            + std::string(scan::kDefaultDetectorName) + R"():
 )" + detectors

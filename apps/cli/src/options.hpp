@@ -1,6 +1,8 @@
 #pragma once
 
+#include <kestrin/app/export_rules.hpp>
 #include <kestrin/core/error.hpp>
+#include <kestrin/midi/midi_file_writer.hpp>
 #include <kestrin/scan/detector.hpp>
 
 #include <filesystem>
@@ -23,7 +25,12 @@ struct Options
     std::optional<bool> dropFrame;  ///< --drop-frame / --non-drop-frame
     std::optional<std::filesystem::path> output;
     bool writeMIDI = true;
-    std::string markerName = " ";
+    /// --plain-midi: the layout without what workstations need.
+    midi::MarkerFileLayout layout = midi::MarkerFileLayout::Workstation;
+    /// --cut-list: where to write the cut list too.
+    std::optional<std::filesystem::path> cutList;
+    /// --marker-name: the pattern of the cut markers' texts (see app::markerText).
+    std::string markerName = std::string(app::kDefaultMarkerName);
     /// --detector: the name of a detector scan::findDetector() knows.
     std::string detector = std::string(scan::kDefaultDetectorName);
     bool json = false;

@@ -80,6 +80,8 @@ std::string jsonLine(const VideoReport& report)
     }
     line += "],\"midi\":";
     line += report.midi ? jsonString(report.midi->string()) : "null";
+    line += ",\"cutList\":";
+    line += report.cutList ? jsonString(report.cutList->string()) : "null";
     return line + "}";
 }
 
@@ -95,6 +97,9 @@ std::string humanLine(const VideoReport& report)
         + (report.mode == core::ScanMode::trustedKeyframes ? " (keyframes)" : " (decoded)");
     if (report.midi) {
         line += " -> " + report.midi->string();
+    }
+    if (report.cutList) {
+        line += (report.midi ? ", " : " -> ") + report.cutList->string();
     }
     return line;
 }

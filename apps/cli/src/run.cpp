@@ -1,9 +1,8 @@
 #include "run.hpp"
 
 #include <kestrin/app/export_rules.hpp>
+#include <kestrin/app/marker_plan.hpp>
 #include <kestrin/app/video_info.hpp>
-#include <kestrin/midi/marker_ticks.hpp>
-#include <kestrin/midi/midi_file_writer.hpp>
 #include <kestrin/midi/standard_midi_export_service.hpp>
 #include <kestrin/midi/temporary_file.hpp>
 #include <kestrin/scan/scan_error.hpp>
@@ -19,28 +18,6 @@ namespace kestrin::cli {
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
-
-// The marker file with a text of its own per cut (the pattern holds {n} or {tc}).
-core::Expected<Bytes> numberedMarkerFile(const app::MarkerExport& request,
-                                         const std::vector<std::string>& cutTexts)
-{
-    const auto offset = app::videoStartOffsetFrames(request.nominalFPS,
-                                                    request.dropFrame,
-                                                    request.sessionStartDigits,
-                                                    request.videoStartDigits);
-    if (!offset) {
-        return app::exportError(app::ExportError::invalidTimecode);
-    }
-    const std::vector<std::int64_t> deltas = app::frameDeltas(request.markers, request.nominalFPS);
-    const std::vector<std::int64_t> frames =
-        midi::markerFrameList(deltas, std::max<std::int64_t>(*offset, 0), 0);
-    std::vector<std::string> names = {"VIDEO START"};
-    names.insert(names.end(), cutTexts.begin(), cutTexts.end());
-    return midi::assembleMarkerFile(
-        midi::tickDeltasForFrames(frames,
-                                  app::exportRateCode(request.nominalFPS, request.dropFrame)),
-        names);
-}
 
 // The scan's steps with the detector called `name` (checked by the option parser).
 scan::ScanSteps stepsWith(std::string_view name)
@@ -89,23 +66,6 @@ std::filesystem::path defaultMIDIPath(const std::filesystem::path& video)
     std::filesystem::path midi = video;
     midi.replace_filename(video.stem().string() + "_Markers.mid");
     return midi;
-}
-
-std::string markerText(std::string_view pattern, std::int64_t number, std::string_view timecode)
-{
-    std::string text;
-    for (std::size_t i = 0; i < pattern.size();) {
-        if (pattern.substr(i).starts_with("{n}")) {
-            text += std::to_string(number);
-            i += 3;
-        } else if (pattern.substr(i).starts_with("{tc}")) {
-            text += timecode;
-            i += 4;
-        } else {
-            text += pattern[i++];
-        }
-    }
-    return text;
 }
 
 VideoRunner::VideoRunner(const Options& options,
@@ -167,53 +127,59 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
         return report;
     }
 
-    const int base = app::integerFrameRate(rate);
-    const auto counting =
-        report.dropFrame ? timecode::FrameCounting::DropFrame : timecode::FrameCounting::NonDrop;
-    const std::int64_t start =
-        timecode::timecodeFrameCount(options_.videoStartDigits, base, counting).value_or(0);
-    std::vector<std::string> cutTexts;
-    std::int64_t previous = 0;
-    for (const core::EditMarker& marker : *markers) {
-        const std::int64_t frame = app::timecodeFrameOf(marker, rate);
-        const std::string tc =
-            timecode::timecodeTextForFrame(start + frame, base, counting).value_or("");
-        report.cuts.push_back({marker.frameIndex, marker.time.seconds(), tc, marker.confidence});
-        if (frame > previous) {  // the markers frameDeltas keeps
-            cutTexts.push_back(markerText(
-                options_.markerName, static_cast<std::int64_t>(cutTexts.size()) + 1, tc));
-            previous = frame;
-        }
-    }
-    if (!options_.writeMIDI || markers->empty()) {
-        return report;
-    }
-
     const app::MarkerExport request{.markers = *markers,
                                     .nominalFPS = rate,
                                     .dropFrame = dropSources,
                                     .sessionStartDigits = options_.sessionStartDigits,
                                     .videoStartDigits = options_.videoStartDigits,
                                     .markerName = options_.markerName};
-    const bool perCut = options_.markerName.find("{n}") != std::string::npos
-                        || options_.markerName.find("{tc}") != std::string::npos;
-    midi::StandardMIDIExportService exporter;
-    const core::Expected<Bytes> bytes =
-        perCut ? numberedMarkerFile(request, cutTexts) : app::makeMIDIData(request, exporter);
-    if (!bytes) {
-        report.error = bytes.error();
+    const core::Expected<app::MarkerPlan> plan = app::planMarkerExport(request);
+    if (!plan) {
+        report.error = plan.error();
         return report;
     }
-    const std::filesystem::path target = options_.output.value_or(defaultMIDIPath(video));
+    const int base = app::integerFrameRate(rate);
+    const auto counting =
+        report.dropFrame ? timecode::FrameCounting::DropFrame : timecode::FrameCounting::NonDrop;
+    const std::int64_t sessionStart =
+        timecode::timecodeFrameCount(options_.sessionStartDigits, base, counting).value_or(0);
+    for (const core::EditMarker& marker : *markers) {
+        const std::int64_t frame =
+            sessionStart + plan->videoStartFrame + app::timecodeFrameOf(marker, rate);
+        report.cuts.push_back({marker.frameIndex,
+                               marker.time.seconds(),
+                               timecode::timecodeTextForFrame(frame, base, counting).value_or(""),
+                               marker.confidence});
+    }
     if (interruption_.interrupted()) {  // the scan ended before the stop request reached it
         report.error = scan::scan_error::cancelled();
         return report;
     }
-    if (const core::Status written = midi::writeFileAtomically(target, *bytes); !written) {
-        report.error = written.error();
-        return report;
+
+    if (options_.writeMIDI && !markers->empty()) {
+        midi::StandardMIDIExportService exporter(options_.layout);
+        const core::Expected<Bytes> bytes = app::makeMIDIData(request, exporter);
+        if (!bytes) {
+            report.error = bytes.error();
+            return report;
+        }
+        const std::filesystem::path target = options_.output.value_or(defaultMIDIPath(video));
+        if (const core::Status written = midi::writeFileAtomically(target, *bytes); !written) {
+            report.error = written.error();
+            return report;
+        }
+        report.midi = target;
     }
-    report.midi = target;
+    if (options_.cutList) {
+        const std::string text = app::cutListText(*plan, video.filename().string());
+        const std::span bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+        if (const core::Status written = midi::writeFileAtomically(*options_.cutList, bytes);
+            !written) {
+            report.error = written.error();
+            return report;
+        }
+        report.cutList = options_.cutList;
+    }
     return report;
 }
 

@@ -36,7 +36,8 @@ struct VideoReport
     float nominalFPS = 0;
     bool dropFrame = false;
     std::vector<CutReport> cuts;
-    std::optional<std::filesystem::path> midi;  ///< the file written
+    std::optional<std::filesystem::path> midi;     ///< the MIDI file written
+    std::optional<std::filesystem::path> cutList;  ///< the cut list written
 };
 
 /// Lets another thread stop the run: stops the scan in progress and every later one.
@@ -70,7 +71,8 @@ public:
                 Interruption& interruption);
 
     /// Scans `video` and, unless the options say otherwise, writes its MIDI file atomically
-    /// (nothing when the scan fails or is interrupted).
+    /// (none when no cut was found), then the cut list when asked (also without cuts); nothing
+    /// when the scan fails or is interrupted.
     [[nodiscard]] VideoReport run(const std::filesystem::path& video,
                                   const Progress& progress = {}) const;
 
@@ -83,11 +85,5 @@ private:
 
 /// Where the MIDI file of `video` goes by default: `<name>_Markers.mid` beside it.
 [[nodiscard]] std::filesystem::path defaultMIDIPath(const std::filesystem::path& video);
-
-/// The marker text of cut `number` (from 1) at `timecode`: `pattern` with every {n} and {tc}
-/// replaced.
-[[nodiscard]] std::string markerText(std::string_view pattern,
-                                     std::int64_t number,
-                                     std::string_view timecode);
 
 }  // namespace kestrin::cli

@@ -147,12 +147,40 @@ TEST_F(CliBinary, WorkedExampleMatchesTheGoldenFile)
         "-x264-params keyint=10000:min-keyint=1:scenecut=0 "
         "-force_key_frames \"expr:eq(n,0)+eq(n,100)\" "
         + video);
-    const Outcome run =
-        scan({"--session-start", "00:00:00:00", "--video-start", "00:00:10:00", video});
+    const fs::path cutList = dir_ / "worked.tsv";
+    const Outcome run = scan({"--session-start",
+                              "00:00:00:00",
+                              "--video-start",
+                              "00:00:10:00",
+                              "--cut-list",
+                              cutList.string(),
+                              video});
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_TRUE(run.out.starts_with(video + ": 1 cut ("));
-    EXPECT_TRUE(run.out.ends_with(") -> " + (dir_ / "worked_Markers.mid").string() + "\n"));
-    EXPECT_EQ(contents(dir_ / "worked_Markers.mid"), contents(KESTRIN_GOLDEN_MIDI));
+    EXPECT_TRUE(run.out.ends_with(") -> " + (dir_ / "worked_Markers.mid").string() + ", "
+                                  + cutList.string() + "\n"));
+    EXPECT_EQ(contents(dir_ / "worked_Markers.mid"),
+              contents(KESTRIN_GOLDEN_DATA "/worked_example_25fps_workstation.mid"));
+    EXPECT_EQ(contents(cutList),
+              "# Kestrin cut list 1\n# video\tworked.mp4\n# frame rate\t25/1\n"
+              "# drop-frame\tno\n# session start\t00:00:00:00\n# video start\t00:00:10:00\n"
+              "# video start frame\t250\nframe\tseconds\ttimecode\tname\n"
+              "100\t4.000000\t00:00:14:00\tCut 1\n");
+
+    // The plain layout with blank names is the first layout, byte for byte.
+    const fs::path plain = dir_ / "plain.mid";
+    ASSERT_EQ(scan({"-q",
+                    "--video-start",
+                    "1000",
+                    "--plain-midi",
+                    "--marker-name",
+                    " ",
+                    "-o",
+                    plain.string(),
+                    video})
+                  .status,
+              0);
+    EXPECT_EQ(contents(plain), contents(KESTRIN_GOLDEN_DATA "/worked_example_25fps.mid"));
 
     // A text per cut: the cut's number and its timecode (10 s + 100 frames).
     const fs::path named = dir_ / "named.mid";
@@ -178,7 +206,7 @@ TEST_F(CliBinary, JsonListsTheCuts)
     EXPECT_NE(run.out.find(R"("mode":"trustedKeyframes","nominalFPS":25,"dropFrame":false)"),
               std::string::npos)
         << run.out;
-    EXPECT_NE(run.out.find(R"("midi":null})"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find(R"("midi":null,"cutList":null})"), std::string::npos) << run.out;
 
     std::string expected;
     for (const std::string& line : lines(contents(fs::path(KESTRIN_CLIPS_DIR) / "cuts.txt"))) {

@@ -45,6 +45,7 @@ TEST(CliOptions, UsageErrorsNameTheOption)
         {{"--session-start", "123:45:67:89", "a.mov"}, "--session-start"},
         {{"--video-start", "now", "a.mov"}, "--video-start"},
         {{"-o", "x.mid", "a.mov", "b.mov"}, "--output"},
+        {{"--cut-list", "x.tsv", "a.mov", "b.mov"}, "--cut-list"},
         {{"--json=yes", "a.mov"}, "--json"},
         {{"--detector", "best", "a.mov"}, "--detector"},
     };
@@ -71,7 +72,6 @@ TEST(CliReport, JsonStringsAndMarkerTexts)
 {
     EXPECT_EQ(jsonString("a\"b\\c\n\t\x01\x7f Schnitt ä"),
               R"("a\"b\\c\n\t\u0001\u007f Schnitt ä")");
-    EXPECT_EQ(markerText("Cut {n} at {tc} {x}", 12, "01:00:00:05"), "Cut 12 at 01:00:00:05 {x}");
 
     VideoReport failed;
     failed.file = "dir/\"odd\".mp4";

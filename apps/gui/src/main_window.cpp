@@ -1,6 +1,7 @@
 #include "main_window.hpp"
 
 #include <QAction>
+#include <QActionGroup>
 #include <QApplication>
 #include <QDesktopServices>
 #include <QDir>
@@ -57,12 +58,54 @@ MainWindow::MainWindow(std::unique_ptr<app::EditDetectorViewModel> model,
     }
     quit->setMenuRole(QAction::QuitRole);
 
+    addMarkerMenu();
+
     QMenu* help = menuBar()->addMenu(tr("&Help"));
     help->addAction(tr("Kestrin Help\u2026"), this, [this] {
         if (manual_) {
             QDesktopServices::openUrl(QUrl::fromLocalFile(*manual_));
         }
     });
+}
+
+void MainWindow::addMarkerMenu()
+{
+    // How the cut markers of the next export are named; the view model holds the choice.
+    struct Choice
+    {
+        QString text;
+        std::string pattern;
+        QString tip;
+    };
+    const Choice choices[] = {
+        {tr("Name Cuts &Cut 1, Cut 2, \u2026"), std::string(app::kDefaultMarkerName), {}},
+        {tr("Name Cuts by &Timecode"),
+         "{tc}",
+         tr("Each cut is named by its timecode on the session's timeline.")},
+        {tr("Leave Cut Names &Blank"),
+         " ",
+         tr("Every cut is named with a single space. Ardour drops markers with blank names.")},
+    };
+    QMenu* markers = menuBar()->addMenu(tr("&Markers"));
+    markers->setToolTipsVisible(true);
+    auto* group = new QActionGroup(markers);
+    app::EditDetectorViewModel& model = panel_->model();
+    for (const Choice& choice : choices) {
+        QAction* action = markers->addAction(choice.text);
+        action->setCheckable(true);
+        action->setToolTip(choice.tip.isEmpty() ? action->text().remove(u'&') : choice.tip);
+        action->setChecked(model.markerName() == choice.pattern);
+        group->addAction(action);
+        connect(action, &QAction::triggered, this, [&model, pattern = choice.pattern] {
+            model.setMarkerName(pattern);
+        });
+        connect(&model,
+                &app::EditDetectorViewModel::markerNameChanged,
+                action,
+                [action, pattern = choice.pattern](const std::string& current) {
+                    action->setChecked(current == pattern);
+                });
+    }
 }
 
 void MainWindow::dragEnterEvent(QDragEnterEvent* event)

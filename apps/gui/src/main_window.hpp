@@ -15,9 +15,10 @@ class QDropEvent;
 namespace kestrin::gui {
 
 /// The application's one window: the rack panel at its fixed size (the window cannot be
-/// resized), a File menu with Quit (Ctrl+Q) and a Help menu whose one item, "Kestrin Help…",
-/// opens the user manual in the default browser. A video file dropped on the window is taken as
-/// if chosen in the panel's open dialog. Titled "Kestrin". Interface thread only.
+/// resized), a File menu with Quit (Ctrl+Q), a Markers menu choosing how exported cut markers are
+/// named ("Cut 1, Cut 2, …", by timecode, or blank), and a Help menu whose one item, "Kestrin
+/// Help…", opens the user manual in the default browser. A video file dropped on the window is
+/// taken as if chosen in the panel's open dialog. Titled "Kestrin". Interface thread only.
 class MainWindow : public QMainWindow
 {
     Q_OBJECT
@@ -37,6 +38,8 @@ protected:
     void dropEvent(QDropEvent* event) override;
 
 private:
+    void addMarkerMenu();
+
     ui::RackPanel* panel_;  // the central widget
     const std::optional<QString> manual_;
 };

@@ -46,11 +46,32 @@ TEST(MainWindow, HasTheFixedPanelAndTrimmedMenus)
     EXPECT_EQ(window.minimumSize(), window.maximumSize());
 
     const QList<QAction*> menus = window.menuBar()->actions();
-    ASSERT_EQ(actionTexts(menus), (QStringList{u"File"_s, u"Help"_s}));
+    ASSERT_EQ(actionTexts(menus), (QStringList{u"File"_s, u"Markers"_s, u"Help"_s}));
     const QList<QAction*> fileItems = menus[0]->menu()->actions();
     ASSERT_EQ(actionTexts(fileItems), QStringList{u"Quit"_s});
     EXPECT_EQ(fileItems[0]->shortcut(), QKeySequence(u"Ctrl+Q"_s));
-    EXPECT_EQ(actionTexts(menus[1]->menu()->actions()), QStringList{u"Kestrin Help\u2026"_s});
+    EXPECT_EQ(actionTexts(menus[2]->menu()->actions()), QStringList{u"Kestrin Help\u2026"_s});
+}
+
+// The Markers menu sets the view model's marker name, and shows the one in force.
+TEST(MainWindow, MarkersMenuChoosesHowCutsAreNamed)
+{
+    MainWindow window(makeModel(), {}, std::nullopt);
+    app::EditDetectorViewModel& model = window.panel().model();
+    const QList<QAction*> items = window.menuBar()->actions()[1]->menu()->actions();
+    ASSERT_EQ(actionTexts(items),
+              (QStringList{u"Name Cuts Cut 1, Cut 2, \u2026"_s,
+                           u"Name Cuts by Timecode"_s,
+                           u"Leave Cut Names Blank"_s}));
+    EXPECT_TRUE(items[0]->isChecked());
+    items[2]->trigger();
+    EXPECT_EQ(model.markerName(), " ");
+    EXPECT_FALSE(items[0]->isChecked());
+    items[1]->trigger();
+    EXPECT_EQ(model.markerName(), "{tc}");
+    model.setMarkerName(std::string(app::kDefaultMarkerName));
+    EXPECT_TRUE(items[0]->isChecked());
+    EXPECT_FALSE(items[1]->isChecked());
 }
 
 TEST(MainWindow, TakesADroppedFileAsTheVideo)

@@ -252,6 +252,20 @@ void EditDetectorViewModel::setVideoStartDigits(const std::string& digits)
     videoValidation_->digitsChanged(digits);
 }
 
+const std::string& EditDetectorViewModel::markerName() const
+{
+    return markerName_;
+}
+
+void EditDetectorViewModel::setMarkerName(const std::string& pattern)
+{
+    if (pattern == markerName_) {
+        return;
+    }
+    markerName_ = pattern;
+    emit markerNameChanged(markerName_);
+}
+
 bool EditDetectorViewModel::isSessionTCValid() const
 {
     return isSessionTCValid_;
@@ -309,7 +323,8 @@ core::Expected<std::vector<std::uint8_t>> EditDetectorViewModel::makeMIDIData()
                                .nominalFPS = nominalFPS_,
                                .dropFrame = dropFrameSources(),
                                .sessionStartDigits = sessionStartDigits_,
-                               .videoStartDigits = videoStartDigits_};
+                               .videoStartDigits = videoStartDigits_,
+                               .markerName = markerName_};
     return app::makeMIDIData(request, *midiService_);
 }
 

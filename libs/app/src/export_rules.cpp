@@ -1,4 +1,5 @@
 #include <kestrin/app/export_rules.hpp>
+#include <kestrin/app/marker_plan.hpp>
 #include <kestrin/timecode/timecode.hpp>
 
 #include <algorithm>
@@ -77,26 +78,6 @@ std::int64_t timecodeFrameOf(const core::EditMarker& marker, float nominalFPS)
     return static_cast<std::int64_t>(frames);
 }
 
-std::vector<std::int64_t> frameDeltas(const std::vector<core::EditMarker>& markers,
-                                      float nominalFPS)
-{
-    std::vector<std::int64_t> indices;
-    indices.reserve(markers.size());
-    for (const core::EditMarker& marker : markers) {
-        indices.push_back(timecodeFrameOf(marker, nominalFPS));
-    }
-    std::sort(indices.begin(), indices.end());
-    std::vector<std::int64_t> deltas;
-    std::int64_t previous = 0;
-    for (const std::int64_t index : indices) {
-        if (index - previous >= 1) {
-            deltas.push_back(index - previous);
-        }
-        previous = index;
-    }
-    return deltas;
-}
-
 std::optional<std::int64_t> videoStartOffsetFrames(float nominalFPS,
                                                    const DropFrameSources& sources,
                                                    std::string_view sessionStartDigits,
@@ -155,25 +136,42 @@ core::Error exportError(ExportError error)
     return {"ExportError", 1, "Invalid timecode. Please check Session Start and Video Start."};
 }
 
+std::string markerText(std::string_view pattern, std::int64_t number, std::string_view timecode)
+{
+    std::string text;
+    for (std::size_t i = 0; i < pattern.size();) {
+        if (pattern.substr(i).starts_with("{n}")) {
+            text += std::to_string(number);
+            i += 3;
+        } else if (pattern.substr(i).starts_with("{tc}")) {
+            text += timecode;
+            i += 4;
+        } else {
+            text += pattern[i++];
+        }
+    }
+    return text;
+}
+
 core::Expected<std::vector<std::uint8_t>> makeMIDIData(const MarkerExport& request,
                                                        midi::MIDIExportService& exporter)
 {
     if (request.markers.empty()) {
         return exportError(ExportError::noMarkers);
     }
-    const auto offset = videoStartOffsetFrames(request.nominalFPS,
-                                               request.dropFrame,
-                                               request.sessionStartDigits,
-                                               request.videoStartDigits);
-    if (!offset) {
-        return exportError(ExportError::invalidTimecode);
+    const core::Expected<MarkerPlan> plan = planMarkerExport(request);
+    if (!plan) {
+        return plan.error();
     }
-    return exporter.exportMarkerFile(frameDeltas(request.markers, request.nominalFPS),
-                                     exportRateCode(request.nominalFPS, request.dropFrame),
-                                     request.markerName,
-                                     "VIDEO START",
-                                     std::max<std::int64_t>(*offset, 0),
-                                     0);
+    std::vector<std::int64_t> deltas;
+    std::vector<std::string> names = {"VIDEO START"};
+    std::int64_t previous = 0;
+    for (const PlannedCut& cut : plan->cuts) {
+        deltas.push_back(cut.frame - previous);
+        names.push_back(cut.name);
+        previous = cut.frame;
+    }
+    return exporter.exportNamedMarkerFile(deltas, plan->rate, plan->videoStartFrame, names);
 }
 
 }  // namespace kestrin::app

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <QSignalSpy>
 #include <QTest>
 
 #include <algorithm>
@@ -520,21 +521,32 @@ TEST_F(ViewModelTest, DropFrameFollowsTheUserThenTheFileThenTheRate)
 struct RecordingExporter final : midi::MIDIExportService
 {
     core::Expected<std::vector<std::uint8_t>> exportMarkerFile(
+        const std::vector<std::int64_t>& /*frameDeltas*/,
+        midi::MIDIFrameRate /*rate*/,
+        std::string_view /*markerName*/,
+        std::optional<std::string_view> /*firstMarkerName*/,
+        std::int64_t /*startOffsetFrames*/,
+        std::int64_t /*firstGapFrames*/) override
+    {
+        *lastCall = "exportMarkerFile";
+        return std::vector<std::uint8_t>{1};
+    }
+
+    core::Expected<std::vector<std::uint8_t>> exportNamedMarkerFile(
         const std::vector<std::int64_t>& frameDeltas,
         midi::MIDIFrameRate rate,
-        std::string_view markerName,
-        std::optional<std::string_view> firstMarkerName,
         std::int64_t startOffsetFrames,
-        std::int64_t firstGapFrames) override
+        std::span<const std::string> markerNames) override
     {
         std::ostringstream text;
         text << "deltas";
         for (const std::int64_t delta : frameDeltas) {
             text << ' ' << delta;
         }
-        text << " | code " << static_cast<int>(rate) << " | '" << markerName << "' '"
-             << firstMarkerName.value_or("-") << "' | offset " << startOffsetFrames << " "
-             << firstGapFrames;
+        text << " | code " << static_cast<int>(rate) << " | offset " << startOffsetFrames << " |";
+        for (const std::string& name : markerNames) {
+            text << " '" << name << "'";
+        }
         *lastCall = text.str();
         return std::vector<std::uint8_t>{1};
     }
@@ -578,8 +590,19 @@ TEST_F(ViewModelTest, MakeMIDIDataHandsTheExporterDeltasOffsetAndRateCode)
         EXPECT_TRUE(model_->makeMIDIData().hasValue());
         EXPECT_EQ(*lastCall,
                   "deltas " + std::string(row.deltas) + " | code " + std::to_string(row.rateCode)
-                      + " | ' ' 'VIDEO START' | offset " + std::to_string(row.offset) + " 0");
+                      + " | offset " + std::to_string(row.offset)
+                      + " | 'VIDEO START' 'Cut 1' 'Cut 2'");
     }
+    // The user's choice of names, blank ones included.
+    QSignalSpy nameChanges(model_.get(), &EditDetectorViewModel::markerNameChanged);
+    model_->setMarkerName("{tc}");
+    model_->setMarkerName("{tc}");
+    EXPECT_EQ(nameChanges.count(), 1);
+    EXPECT_TRUE(model_->makeMIDIData().hasValue());
+    EXPECT_TRUE(lastCall->ends_with("'VIDEO START' '00:00:01:29' '00:00:02:12'")) << *lastCall;
+    model_->setMarkerName(" ");
+    EXPECT_TRUE(model_->makeMIDIData().hasValue());
+    EXPECT_TRUE(lastCall->ends_with("'VIDEO START' ' ' ' '")) << *lastCall;
 
     model_->setSessionStartDigits("99999999");
     EXPECT_EQ(model_->makeMIDIData().error().description,

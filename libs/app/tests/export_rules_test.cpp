@@ -1,4 +1,5 @@
 #include <kestrin/app/export_rules.hpp>
+#include <kestrin/app/marker_plan.hpp>
 #include <kestrin/midi/standard_midi_export_service.hpp>
 
 #include <gtest/gtest.h>
@@ -75,14 +76,74 @@ TEST(ExportRules, RateCodesFollowTheSnappedRateAndTheEffectiveFlag)
     }
 }
 
-TEST(ExportRules, DeltasSkipFrameZeroAndRepeats)
+core::EditMarker markerAtFrame(std::int64_t frame,
+                               std::int32_t fpsNumerator = 25,
+                               std::int32_t fpsDenominator = 1)
 {
-    const auto marker = [](std::int64_t frame) {
-        return core::EditMarker{frame, core::MediaTime::make(frame, 25), std::nullopt};
-    };
-    EXPECT_EQ(frameDeltas({marker(130), marker(0), marker(50), marker(100), marker(50)}, 25.0F),
-              (std::vector<std::int64_t>{50, 50, 30}));
-    EXPECT_TRUE(frameDeltas({marker(0)}, 25.0F).empty());
+    return {frame, core::MediaTime::make(frame * fpsDenominator, fpsNumerator), std::nullopt};
+}
+
+// The cuts of an export: frame 0 and repeats make no marker, the rest are numbered in frame order
+// and named at their place on the session timeline.
+TEST(MarkerPlan, CutsSkipFrameZeroAndRepeatsAndAreNamedInOrder)
+{
+    MarkerExport request{.markers = {markerAtFrame(130),
+                                     markerAtFrame(0),
+                                     markerAtFrame(50),
+                                     markerAtFrame(100),
+                                     markerAtFrame(50)},
+                         .nominalFPS = 25.0F,
+                         .dropFrame = {},
+                         .sessionStartDigits = "00595000",
+                         .videoStartDigits = "01000000",
+                         .markerName = "{n}|{tc}"};
+    core::Expected<MarkerPlan> plan = planMarkerExport(request);
+    ASSERT_TRUE(plan.hasValue());
+    EXPECT_EQ(plan->rate, MIDIFrameRate::Fps25);
+    EXPECT_EQ(plan->sessionStart, "00:59:50:00");
+    EXPECT_EQ(plan->videoStart, "01:00:00:00");
+    EXPECT_EQ(plan->videoStartFrame, 250);
+    const std::vector<PlannedCut> expected = {{50, 2.0, "01:00:02:00", "1|01:00:02:00"},
+                                              {100, 4.0, "01:00:04:00", "2|01:00:04:00"},
+                                              {130, 5.2, "01:00:05:05", "3|01:00:05:05"}};
+    EXPECT_EQ(plan->cuts, expected);
+
+    // A video that starts before the session lies at the session's start, and so do its cuts.
+    request.sessionStartDigits = "01000100";
+    plan = planMarkerExport(request);
+    ASSERT_TRUE(plan.hasValue());
+    EXPECT_EQ(plan->videoStartFrame, 0);
+    EXPECT_EQ(plan->cuts.front().timecode, "01:00:03:00");
+
+    // Drop-frame labels at 29.97: Video 10:00:00;00 is 1798 frames after Session 09:59:00;02
+    // (the first label of a minute that drops two); the cut 30 frames in is 10:00:01;00.
+    request = {.markers = {markerAtFrame(30, 30000, 1001)},
+               .nominalFPS = 29.97F,
+               .dropFrame = {},
+               .sessionStartDigits = "09590002",
+               .videoStartDigits = "10000000",
+               .markerName = kDefaultMarkerName};
+    plan = planMarkerExport(request);
+    ASSERT_TRUE(plan.hasValue());
+    EXPECT_EQ(plan->videoStartFrame, 1798);
+    EXPECT_EQ(plan->cuts, (std::vector<PlannedCut>{{30, 1.001, "10:00:01;00", "Cut 1"}}));
+    EXPECT_EQ(cutListText(*plan, "a\tb.mov"),
+              "# Kestrin cut list 1\n# video\ta b.mov\n# frame rate\t30000/1001\n"
+              "# drop-frame\tyes\n# session start\t09:59:00;02\n# video start\t10:00:00;00\n"
+              "# video start frame\t1798\nframe\tseconds\ttimecode\tname\n"
+              "30\t1.001000\t10:00:01;00\tCut 1\n");
+
+    request.markers = {markerAtFrame(0)};
+    EXPECT_TRUE(planMarkerExport(request)->cuts.empty());
+    request.sessionStartDigits = "00006000";
+    EXPECT_EQ(planMarkerExport(request).error(), exportError(ExportError::invalidTimecode));
+}
+
+TEST(MarkerPlan, MarkerTextsReplaceNumberAndTimecode)
+{
+    EXPECT_EQ(markerText("Cut {n} at {tc} {x}", 12, "01:00:00:05"), "Cut 12 at 01:00:00:05 {x}");
+    EXPECT_EQ(markerText(kDefaultMarkerName, 3, "01:00:00:05"), "Cut 3");
+    EXPECT_EQ(markerText(" ", 3, "01:00:00:05"), " ");
 }
 
 // A marker lies where its time falls on the session's timecode, whatever the video's own rate.
@@ -127,7 +188,7 @@ TEST(ExportRules, OffsetCountsFromSessionStartToVideoStart)
 class MakeMIDIData : public testing::Test
 {
 protected:
-    midi::StandardMIDIExportService exporter_;
+    midi::StandardMIDIExportService exporter_{midi::MarkerFileLayout::Plain};
     MarkerExport request_{{core::EditMarker{100, core::MediaTime::make(4, 1), std::nullopt}},
                           25.0F,
                           {},
@@ -136,15 +197,26 @@ protected:
                           " "};
 };
 
-TEST_F(MakeMIDIData, WorkedExampleIsTheGoldenFile)
+std::vector<std::uint8_t> goldenFile(const std::string& name)
+{
+    std::ifstream golden(
+        std::string(std::getenv("KESTRIN_SOURCE_DIR")) + "/libs/midi/tests/data/" + name,
+        std::ios::binary);
+    return {std::istreambuf_iterator<char>(golden), {}};
+}
+
+// Blank names in the plain layout give the first layout; the defaults give the workstation one.
+TEST_F(MakeMIDIData, WorkedExampleIsTheGoldenFileInEitherLayout)
 {
     const auto bytes = makeMIDIData(request_, exporter_);
     ASSERT_TRUE(bytes) << bytes.error().description;
-    std::ifstream golden(std::string(std::getenv("KESTRIN_SOURCE_DIR"))
-                             + "/libs/midi/tests/data/worked_example_25fps.mid",
-                         std::ios::binary);
-    const std::vector<std::uint8_t> expected{std::istreambuf_iterator<char>(golden), {}};
-    EXPECT_EQ(*bytes, expected);
+    EXPECT_EQ(*bytes, goldenFile("worked_example_25fps.mid"));
+
+    midi::StandardMIDIExportService workstation;
+    MarkerExport named = request_;
+    named.markerName = kDefaultMarkerName;
+    EXPECT_EQ(makeMIDIData(named, workstation).value(),
+              goldenFile("worked_example_25fps_workstation.mid"));
 }
 
 TEST_F(MakeMIDIData, RefusesWithoutMarkersOrWithAnInvalidTimecode)

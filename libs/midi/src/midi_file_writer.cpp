@@ -14,6 +14,24 @@ constexpr std::uint8_t kSetTempo = 0x51;
 constexpr std::uint8_t kTrackNameEvent = 0x03;
 constexpr std::uint8_t kMarker = 0x06;
 constexpr std::uint8_t kEndOfTrack = 0x2F;
+constexpr std::uint8_t kSequencerSpecific = 0x7F;
+
+// Kestrin's frame-rate event (sequencer-specific): the manufacturer ID that MIDI reserves for
+// non-commercial use, "Kestrin", the version of what follows, then the rate as a 16-bit
+// numerator and denominator and a flags byte (bit 0: drop-frame timecode). Readers that do not
+// know it skip it; our Ardour script takes the rate from it to place each marker on the exact
+// sample of its frame.
+constexpr std::uint8_t kNonCommercialID = 0x7D;
+constexpr std::string_view kSignature = "Kestrin";
+constexpr std::uint8_t kRateEventVersion = 1;
+constexpr std::uint8_t kDropFrameFlag = 0x01;
+// ID, signature, version, numerator, denominator, flags: 14 bytes.
+constexpr auto kRateEventBytes = static_cast<std::uint8_t>(1 + kSignature.size() + 1 + 2 + 2 + 1);
+
+// The channel event of the workstation layout: controller 3, which MIDI 1.0 leaves undefined, set
+// to 0 on channel 16 (status B0 + 15). No instrument acts on an undefined controller, and channel
+// 16 keeps it away from the channels instruments listen on by default.
+constexpr std::array<std::uint8_t, 4> kSilentChannelEvent = {0x00, 0xBF, 0x03, 0x00};
 
 // Bytes of the file before the track's events: "MThd", its length, format, track count and
 // division, then "MTrk" and the track length.
@@ -66,22 +84,36 @@ core::Status checkTextLength(std::string_view role, std::string_view text)
 // texts' lengths are checked by the caller.
 template <typename NameOf>
 core::Expected<std::vector<std::uint8_t>> assembleEvents(std::span<const std::uint64_t> tickDeltas,
-                                                         const NameOf& nameOf)
+                                                         const NameOf& nameOf,
+                                                         MarkerFileLayout layout,
+                                                         MIDIFrameRate rate)
 {
     static_assert(kTrackName.size() <= kMaxTextBytes);
+    const bool isWorkstation = layout == MarkerFileLayout::Workstation;
 
     std::vector<std::uint8_t> file;
     appendText(file, "MThd");
     appendBigEndian(file, 6, 4);
     appendBigEndian(file, 1, 2);  // format 1
     appendBigEndian(file, 1, 2);  // one track
-    appendBigEndian(file, kTicksPerQuarter, 2);
+    appendBigEndian(file, isWorkstation ? kWorkstationTicksPerQuarter : kTicksPerQuarter, 2);
     appendText(file, "MTrk");
     appendBigEndian(file, 0, 4);  // track length, filled in below
 
     file.insert(file.end(), {0x00, kMetaEvent, kSetTempo, 0x03});
-    appendBigEndian(file, kTempoUSPerQuarter, 3);
+    appendBigEndian(file, isWorkstation ? kWorkstationTempoUSPerQuarter : kTempoUSPerQuarter, 3);
     appendTextEvent(file, 0, kTrackNameEvent, kTrackName);
+    if (isWorkstation) {
+        const FrameRateRatio fps = framesPerSecond(rate);
+        file.insert(file.end(),
+                    {0x00, kMetaEvent, kSequencerSpecific, kRateEventBytes, kNonCommercialID});
+        appendText(file, kSignature);
+        file.push_back(kRateEventVersion);
+        appendBigEndian(file, static_cast<std::uint64_t>(fps.numerator), 2);
+        appendBigEndian(file, static_cast<std::uint64_t>(fps.denominator), 2);
+        file.push_back(isDropFrame(rate) ? kDropFrameFlag : 0);
+        file.insert(file.end(), kSilentChannelEvent.begin(), kSilentChannelEvent.end());
+    }
     for (std::size_t i = 0; i < tickDeltas.size(); ++i) {
         appendTextEvent(file, tickDeltas[i], kMarker, nameOf(i));
     }
@@ -124,7 +156,9 @@ std::vector<std::uint8_t> encodeVariableLengthQuantity(std::uint64_t value)
 core::Expected<std::vector<std::uint8_t>> assembleMarkerFile(
     std::span<const std::uint64_t> tickDeltas,
     std::string_view markerName,
-    std::optional<std::string_view> firstMarkerName)
+    std::optional<std::string_view> firstMarkerName,
+    MarkerFileLayout layout,
+    MIDIFrameRate rate)
 {
     const std::string_view firstName =
         firstMarkerName.has_value() && !firstMarkerName->empty() ? *firstMarkerName : markerName;
@@ -138,12 +172,15 @@ core::Expected<std::vector<std::uint8_t>> assembleMarkerFile(
             return status.error();
         }
     }
-    return assembleEvents(tickDeltas,
-                          [&](std::size_t i) { return i == 0 ? firstName : markerName; });
+    return assembleEvents(
+        tickDeltas, [&](std::size_t i) { return i == 0 ? firstName : markerName; }, layout, rate);
 }
 
 core::Expected<std::vector<std::uint8_t>> assembleMarkerFile(
-    std::span<const std::uint64_t> tickDeltas, std::span<const std::string> markerNames)
+    std::span<const std::uint64_t> tickDeltas,
+    std::span<const std::string> markerNames,
+    MarkerFileLayout layout,
+    MIDIFrameRate rate)
 {
     if (markerNames.size() != tickDeltas.size()) {
         return core::Error{std::string(kMIDIErrorDomain),
@@ -156,8 +193,8 @@ core::Expected<std::vector<std::uint8_t>> assembleMarkerFile(
             return status.error();
         }
     }
-    return assembleEvents(tickDeltas,
-                          [&](std::size_t i) { return std::string_view(markerNames[i]); });
+    return assembleEvents(
+        tickDeltas, [&](std::size_t i) { return std::string_view(markerNames[i]); }, layout, rate);
 }
 
 }  // namespace kestrin::midi

@@ -26,15 +26,45 @@ constexpr std::array<TickRatio, kMIDIFrameRateCount> kTicksPerFrame{{
     {4004, 5},    // 13: 23.976
 }};
 
+// Indexed by code, as above.
+constexpr std::array<FrameRateRatio, kMIDIFrameRateCount> kFramesPerSecond{{
+    {60, 1},
+    {60, 1},
+    {60000, 1001},
+    {60000, 1001},
+    {50, 1},
+    {48, 1},
+    {48000, 1001},
+    {30, 1},
+    {30, 1},
+    {30000, 1001},
+    {30000, 1001},
+    {25, 1},
+    {24, 1},
+    {24000, 1001},
+}};
+
+std::size_t indexOf(MIDIFrameRate rate)
+{
+    const auto code = static_cast<std::size_t>(rate);
+    return code < kTicksPerFrame.size() ? code : static_cast<std::size_t>(MIDIFrameRate::Fps24);
+}
+
 }  // namespace
 
 TickRatio ticksPerFrame(MIDIFrameRate rate)
 {
-    const auto code = static_cast<std::size_t>(rate);
-    if (code >= kTicksPerFrame.size()) {
-        return kTicksPerFrame[static_cast<std::size_t>(MIDIFrameRate::Fps24)];
-    }
-    return kTicksPerFrame[code];
+    return kTicksPerFrame[indexOf(rate)];
+}
+
+FrameRateRatio framesPerSecond(MIDIFrameRate rate)
+{
+    return kFramesPerSecond[indexOf(rate)];
+}
+
+bool isDropFrame(MIDIFrameRate rate)
+{
+    return rate == MIDIFrameRate::Fps5994DropFrame || rate == MIDIFrameRate::Fps2997DropFrame;
 }
 
 }  // namespace kestrin::midi

@@ -24,9 +24,27 @@ core::Expected<std::filesystem::path> userTemporaryDirectory()
 
 }  // namespace
 
-StandardMIDIExportService::StandardMIDIExportService(std::filesystem::path temporaryDirectory)
-    : temporaryDirectory_(std::move(temporaryDirectory))
+StandardMIDIExportService::StandardMIDIExportService(MarkerFileLayout layout)
+    : layout_(layout)
 {}
+
+StandardMIDIExportService::StandardMIDIExportService(MarkerFileLayout layout,
+                                                     std::filesystem::path temporaryDirectory)
+    : layout_(layout)
+    , temporaryDirectory_(std::move(temporaryDirectory))
+{}
+
+std::int64_t StandardMIDIExportService::ppq() const
+{
+    return layout_ == MarkerFileLayout::Workstation ? kWorkstationTicksPerQuarter
+                                                    : kTicksPerQuarter;
+}
+
+std::int64_t StandardMIDIExportService::tempoUSPerQuarter() const
+{
+    return layout_ == MarkerFileLayout::Workstation ? kWorkstationTempoUSPerQuarter
+                                                    : kTempoUSPerQuarter;
+}
 
 core::Expected<std::vector<std::uint8_t>> StandardMIDIExportService::exportMarkerFile(
     const std::vector<std::int64_t>& frameDeltas,
@@ -38,12 +56,32 @@ core::Expected<std::vector<std::uint8_t>> StandardMIDIExportService::exportMarke
 {
     const std::vector<std::int64_t> frameList =
         markerFrameList(frameDeltas, startOffsetFrames, firstGapFrames);
-    core::Expected<std::vector<std::uint8_t>> file =
-        assembleMarkerFile(tickDeltasForFrames(frameList, rate), markerName, firstMarkerName);
+    const core::Expected<std::vector<std::uint8_t>> file = assembleMarkerFile(
+        tickDeltasForFrames(frameList, rate), markerName, firstMarkerName, layout_, rate);
     if (!file) {
         return file.error();
     }
+    return roundTrip(*file);
+}
 
+core::Expected<std::vector<std::uint8_t>> StandardMIDIExportService::exportNamedMarkerFile(
+    const std::vector<std::int64_t>& frameDeltas,
+    MIDIFrameRate rate,
+    std::int64_t startOffsetFrames,
+    std::span<const std::string> markerNames)
+{
+    const std::vector<std::int64_t> frameList = markerFrameList(frameDeltas, startOffsetFrames, 0);
+    const core::Expected<std::vector<std::uint8_t>> file =
+        assembleMarkerFile(tickDeltasForFrames(frameList, rate), markerNames, layout_, rate);
+    if (!file) {
+        return file.error();
+    }
+    return roundTrip(*file);
+}
+
+core::Expected<std::vector<std::uint8_t>> StandardMIDIExportService::roundTrip(
+    const std::vector<std::uint8_t>& file) const
+{
     core::Expected<std::filesystem::path> directory =
         temporaryDirectory_.has_value()
             ? core::Expected<std::filesystem::path>(*temporaryDirectory_)
@@ -57,7 +95,7 @@ core::Expected<std::vector<std::uint8_t>> StandardMIDIExportService::exportMarke
     }
     const std::filesystem::path path = *directory / (*name + ".mid");
 
-    if (core::Status written = writeFileAtomically(path, *file); !written) {
+    if (core::Status written = writeFileAtomically(path, file); !written) {
         return written.error();
     }
     core::Expected<std::vector<std::uint8_t>> readBack = readWholeFile(path);

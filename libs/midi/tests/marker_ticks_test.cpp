@@ -19,14 +19,20 @@ TEST(MIDIFrameRate, TicksPerFrameAre19200OverTheRealRate)
     constexpr std::int64_t kFpsDenominator[] = {
         1, 1, 1001, 1001, 1, 1, 1001, 1, 1, 1001, 1001, 1, 1, 1001};
     for (int code = 0; code < kMIDIFrameRateCount; ++code) {
-        const TickRatio ratio = ticksPerFrame(static_cast<MIDIFrameRate>(code));
+        const auto rate = static_cast<MIDIFrameRate>(code);
+        const TickRatio ratio = ticksPerFrame(rate);
         EXPECT_EQ(ratio.numerator * kFpsNumerator[code],
                   19200 * kFpsDenominator[code] * ratio.denominator)
             << "code " << code;
+        EXPECT_EQ(framesPerSecond(rate),
+                  (FrameRateRatio{kFpsNumerator[code], kFpsDenominator[code]}))
+            << "code " << code;
+        EXPECT_EQ(isDropFrame(rate), code == 2 || code == 9) << "code " << code;
     }
     // Codes outside the table give 24 fps.
     for (const int code : {kMIDIFrameRateCount, 255}) {
         EXPECT_EQ(ticksPerFrame(static_cast<MIDIFrameRate>(code)), (TickRatio{800, 1})) << code;
+        EXPECT_EQ(framesPerSecond(static_cast<MIDIFrameRate>(code)), (FrameRateRatio{24, 1}));
     }
 }
 

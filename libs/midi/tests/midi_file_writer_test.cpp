@@ -14,12 +14,20 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Throws, failing the test, when the file is refused.
+constexpr MarkerFileLayout kPlain = MarkerFileLayout::Plain;
+constexpr MIDIFrameRate kRate = MIDIFrameRate::Fps25;
+
+// Plain layout; throws, failing the test, when the file is refused.
 Bytes assembled(const std::vector<std::uint64_t>& ticks,
                 std::string_view markerName,
                 std::optional<std::string_view> firstMarkerName)
 {
-    return assembleMarkerFile(ticks, markerName, firstMarkerName).value();
+    return assembleMarkerFile(ticks, markerName, firstMarkerName, kPlain, kRate).value();
+}
+
+Bytes assembled(const std::vector<std::uint64_t>& ticks, const std::vector<std::string>& names)
+{
+    return assembleMarkerFile(ticks, names, kPlain, kRate).value();
 }
 
 TEST(MIDIVariableLengthQuantity, SevenBitGroupsMostSignificantFirst)
@@ -63,37 +71,68 @@ TEST(MIDIMarkerFile, LayoutOfLongerFiles)
     EXPECT_EQ(assembled({10, 20}, "cut", ""), assembled({10, 20}, "cut", "cut"));
 }
 
+// The workstation layout's preamble after the track name: the frame-rate event (7D, "Kestrin",
+// version 1, numerator and denominator in 16 bits, drop-frame flag), then controller 3 = 0 on
+// channel 16. The header says 9600 ticks per quarter note and the tempo 120 beats per minute.
+TEST(MIDIMarkerFile, WorkstationLayoutCarriesTheRateAndAChannelEvent)
+{
+    const std::pair<MIDIFrameRate, Bytes> rows[] = {
+        {MIDIFrameRate::Fps25, {0x00, 0x19, 0x00, 0x01, 0x00}},
+        {MIDIFrameRate::Fps2997DropFrame, {0x75, 0x30, 0x03, 0xE9, 0x01}},
+        {MIDIFrameRate::Fps2997NonDrop, {0x75, 0x30, 0x03, 0xE9, 0x00}},
+        {MIDIFrameRate::Fps23976, {0x5D, 0xC0, 0x03, 0xE9, 0x00}},
+        {MIDIFrameRate::Fps5994DropFrame, {0xEA, 0x60, 0x03, 0xE9, 0x01}},
+    };
+    for (const auto& [rate, rateBytes] : rows) {
+        const Bytes file = assembleMarkerFile(std::vector<std::uint64_t>{7},
+                                              "m",
+                                              std::nullopt,
+                                              MarkerFileLayout::Workstation,
+                                              rate)
+                               .value();
+        Bytes expected = {
+            0x25, 0x80, 'M', 'T', 'r', 'k', 0, 0, 0, 57, 0x00, 0xFF, 0x51, 0x03, 0x07, 0xA1, 0x20};
+        EXPECT_EQ(Bytes(file.begin() + 12, file.begin() + 29), expected) << static_cast<int>(rate);
+        expected = {0x00, 0xFF, 0x7F, 0x0E, 0x7D, 'K', 'e', 's', 't', 'r', 'i', 'n', 0x01};
+        expected.insert(expected.end(), rateBytes.begin(), rateBytes.end());
+        expected.insert(expected.end(), {0x00, 0xBF, 0x03, 0x00, 0x07, 0xFF, 0x06, 0x01, 'm'});
+        EXPECT_EQ(Bytes(file.begin() + 48, file.end() - 4), expected) << static_cast<int>(rate);
+    }
+}
+
 TEST(MIDIMarkerFile, TextPerMarker)
 {
     // The same texts give the same bytes as one marker name does.
     const std::vector<std::uint64_t> ticks = {10, 20, 30};
     const std::vector<std::string> same = {"VIDEO START", "cut", "cut"};
-    EXPECT_EQ(assembleMarkerFile(ticks, same).value(), assembled(ticks, "cut", "VIDEO START"));
+    EXPECT_EQ(assembled(ticks, same), assembled(ticks, "cut", "VIDEO START"));
 
     // Each marker carries its own text: the second of {a, bc} starts after delta 5, FF 06 02.
     const std::vector<std::string> own = {"a", "bc"};
-    const Bytes file = assembleMarkerFile(std::vector<std::uint64_t>{0, 5}, own).value();
+    const Bytes file = assembled({0, 5}, own);
     EXPECT_EQ(Bytes(file.begin() + 53, file.begin() + 59), (Bytes{5, 0xFF, 6, 2, 'b', 'c'}));
 
-    EXPECT_EQ(assembleMarkerFile(ticks, own).error().code, kNameCountCode);
+    EXPECT_EQ(assembleMarkerFile(ticks, own, kPlain, kRate).error().code, kNameCountCode);
     const std::vector<std::string> tooLong = {"V", std::string(kMaxTextBytes + 1, 'a'), "c"};
-    EXPECT_EQ(assembleMarkerFile(ticks, tooLong).error().code, kTextTooLongCode);
+    EXPECT_EQ(assembleMarkerFile(ticks, tooLong, kPlain, kRate).error().code, kTextTooLongCode);
 }
 
 TEST(MIDIMarkerFile, TextsLongerThan255BytesAreRefused)
 {
     const std::string longest(kMaxTextBytes, 'a');
     const std::string tooLong(kMaxTextBytes + 1, 'a');
-    EXPECT_TRUE(assembleMarkerFile(std::vector<std::uint64_t>{0, 1}, longest, longest).hasValue());
+    const std::vector<std::uint64_t> two = {0, 1};
+    EXPECT_TRUE(assembleMarkerFile(two, longest, longest, kPlain, kRate).hasValue());
     // A text no event carries does not matter.
-    EXPECT_TRUE(assembleMarkerFile(std::vector<std::uint64_t>{0}, tooLong, "V").hasValue());
+    EXPECT_TRUE(
+        assembleMarkerFile(std::vector<std::uint64_t>{0}, tooLong, "V", kPlain, kRate).hasValue());
 
     // As the first marker's own text, as the text of later markers, and as the fallback.
     const std::pair<std::string_view, std::optional<std::string_view>> refused[] = {
         {"cut", tooLong}, {tooLong, "VIDEO START"}, {tooLong, std::nullopt}};
     for (const auto& [markerName, firstMarkerName] : refused) {
         const core::Expected<Bytes> file =
-            assembleMarkerFile(std::vector<std::uint64_t>{0, 1}, markerName, firstMarkerName);
+            assembleMarkerFile(two, markerName, firstMarkerName, kPlain, kRate);
         ASSERT_FALSE(file.hasValue());
         EXPECT_EQ(file.error().domain, "MIDI");
         EXPECT_EQ(file.error().code, kTextTooLongCode);

@@ -72,12 +72,29 @@ protected:
         fs::path(::testing::TempDir()) / ("kestrin_midi_" + std::to_string(::getpid()));
 };
 
+Bytes goldenFile(const char* name)
+{
+    std::ifstream golden(std::string(KESTRIN_MIDI_TEST_DATA_DIR "/") + name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(golden), {}};
+}
+
 TEST_F(StandardMIDIExport, WorkedExampleRoundTripsThroughATemporaryFile)
 {
-    const core::Expected<Bytes> file = exportWorkedExample(StandardMIDIExportService(directory_));
+    const core::Expected<Bytes> file =
+        exportWorkedExample(StandardMIDIExportService(MarkerFileLayout::Plain, directory_));
     ASSERT_TRUE(file.hasValue()) << file.error().description;
-    std::ifstream golden(KESTRIN_MIDI_TEST_DATA_DIR "/worked_example_25fps.mid", std::ios::binary);
-    EXPECT_TRUE(bytesEqual(Bytes(std::istreambuf_iterator<char>(golden), {}), *file));
+    EXPECT_TRUE(bytesEqual(goldenFile("worked_example_25fps.mid"), *file));
+
+    StandardMIDIExportService workstation(MarkerFileLayout::Workstation, directory_);
+    const std::vector<std::string> names = {"VIDEO START", "Cut 1"};
+    const core::Expected<Bytes> named =
+        workstation.exportNamedMarkerFile({100}, MIDIFrameRate::Fps25, 250, names);
+    ASSERT_TRUE(named.hasValue()) << named.error().description;
+    EXPECT_TRUE(bytesEqual(goldenFile("worked_example_25fps_workstation.mid"), *named));
+    EXPECT_EQ(workstation.exportNamedMarkerFile({100}, MIDIFrameRate::Fps25, 250, {names.data(), 1})
+                  .error()
+                  .code,
+              kNameCountCode);
     EXPECT_TRUE(fs::is_empty(directory_)) << "a file was left behind";
 }
 
@@ -94,7 +111,8 @@ TEST_F(StandardMIDIExport, FailuresAreErrorValuesAndLeaveNoFile)
     };
     for (const auto& [temporaryDirectory, nameLength, domain, code, mentions] : rows) {
         const core::Expected<Bytes> file = exportWorkedExample(
-            StandardMIDIExportService(temporaryDirectory), std::string(nameLength, 'x'));
+            StandardMIDIExportService(MarkerFileLayout::Plain, temporaryDirectory),
+            std::string(nameLength, 'x'));
         ASSERT_FALSE(file.hasValue()) << temporaryDirectory;
         EXPECT_EQ(file.error().domain, domain);
         EXPECT_EQ(file.error().code, code);
@@ -151,37 +169,56 @@ std::string outputOf(const std::string& command, const fs::path& path)
     return output;
 }
 
-// An export read back by two independent MIDI readers installed with the system. 29.97 non-drop:
-// Video Start 107892 frames after Session Start, an extra first gap of 1, then edits whose
-// distances make deltas of 128 ticks and more. Each marker must land on the absolute tick of its
-// frame sum (107892, 107893, 108093, 108096, 126078) times 640.64, rounded.
+// An export read back by two independent MIDI readers installed with the system, in both layouts.
+// 29.97 non-drop: Video Start 107892 frames after Session Start, an extra first gap of 1, then
+// edits whose distances make deltas of 128 ticks and more. Each marker must land on the absolute
+// tick of its frame sum (107892, 107893, 108093, 108096, 126078) times 640.64, rounded, in both.
 TEST_F(StandardMIDIExport, IndependentReadersSeeTempoTrackNameAndEveryMarker)
 {
-    StandardMIDIExportService service(directory_);
-    const core::Expected<Bytes> file = service.exportMarkerFile(
-        {200, 3, 17982}, MIDIFrameRate::Fps2997NonDrop, "Schnitt ä", "VIDEO START", 107892, 1);
-    ASSERT_TRUE(file.hasValue()) << file.error().description;
-    const fs::path path = directory_ / "markers.mid";
-    ASSERT_TRUE(writeFileAtomically(path, *file).ok());
-
-    std::string csv =
-        "0, 0, Header, 1, 1, 19200\n1, 0, Start_track\n1, 0, Tempo, 1000000\n"
-        "1, 0, Title_t, \"Kestrin Markers\"\n";
-    std::string mido = "set_tempo 0 1000000\ntrack_name 0 Kestrin Markers\n";
-    for (const std::uint64_t tick : {69119931U, 69120572U, 69248700U, 69250621U, 80770610U}) {
-        const std::string text = tick == 69119931 ? "VIDEO START" : "Schnitt ä";
-        csv += "1, " + std::to_string(tick) + ", Marker_t, \"" + text + "\"\n";
-        mido += "marker " + std::to_string(tick) + " " + text + "\n";
-    }
     const bool haveMidicsv = ::access("/usr/bin/midicsv", X_OK) == 0;
-    if (haveMidicsv) {
-        EXPECT_EQ(outputOf("/usr/bin/midicsv", path),
-                  csv + "1, 80770610, End_track\n0, 0, End_of_file\n");
-    }
     // The system interpreter: the one with the Debian package of mido.
     // NOLINTNEXTLINE(concurrency-mt-unsafe)
     const bool haveMido = std::system("/usr/bin/python3 -c 'import mido' 2>/dev/null") == 0;
-    if (haveMido) {
+    if (!haveMidicsv || !haveMido) {
+        GTEST_SKIP() << "midicsv or /usr/bin/python3 with mido is not installed";
+    }
+    struct Row
+    {
+        MarkerFileLayout layout;
+        std::string csvHead;
+        std::string midoHead;
+    };
+    const Row rows[] = {
+        {MarkerFileLayout::Plain,
+         "0, 0, Header, 1, 1, 19200\n1, 0, Start_track\n1, 0, Tempo, 1000000\n"
+         "1, 0, Title_t, \"Kestrin Markers\"\n",
+         "set_tempo 0 1000000\ntrack_name 0 Kestrin Markers\n"},
+        // 30000 / 1001 is 75 30 / 03 E9; flags 0: non-drop.
+        {MarkerFileLayout::Workstation,
+         "0, 0, Header, 1, 1, 9600\n1, 0, Start_track\n1, 0, Tempo, 500000\n"
+         "1, 0, Title_t, \"Kestrin Markers\"\n"
+         "1, 0, Sequencer_specific, 14, 125, 75, 101, 115, 116, 114, 105, 110, 1, 117, 48, 3, "
+         "233, 0\n1, 0, Control_c, 15, 3, 0\n",
+         "set_tempo 0 500000\ntrack_name 0 Kestrin Markers\nsequencer_specific 0 \n"
+         "control_change 0 \n"},
+    };
+    for (const Row& row : rows) {
+        StandardMIDIExportService service(row.layout, directory_);
+        const core::Expected<Bytes> file = service.exportMarkerFile(
+            {200, 3, 17982}, MIDIFrameRate::Fps2997NonDrop, "Schnitt ä", "VIDEO START", 107892, 1);
+        ASSERT_TRUE(file.hasValue()) << file.error().description;
+        const fs::path path = directory_ / "markers.mid";
+        ASSERT_TRUE(writeFileAtomically(path, *file).ok());
+
+        std::string csv = row.csvHead;
+        std::string mido = row.midoHead;
+        for (const std::uint64_t tick : {69119931U, 69120572U, 69248700U, 69250621U, 80770610U}) {
+            const std::string text = tick == 69119931 ? "VIDEO START" : "Schnitt ä";
+            csv += "1, " + std::to_string(tick) + ", Marker_t, \"" + text + "\"\n";
+            mido += "marker " + std::to_string(tick) + " " + text + "\n";
+        }
+        EXPECT_EQ(outputOf("/usr/bin/midicsv", path),
+                  csv + "1, 80770610, End_track\n0, 0, End_of_file\n");
         const std::string script =
             "import sys, mido\n"
             "tick = 0\n"
@@ -191,9 +228,6 @@ TEST_F(StandardMIDIExport, IndependentReadersSeeTempoTrackNameAndEveryMarker)
             "\"text\", \"\"))))\n";
         EXPECT_EQ(outputOf("PYTHONIOENCODING=utf-8 /usr/bin/python3 -c '" + script + "'", path),
                   mido + "end_of_track 80770610 \n");
-    }
-    if (!haveMidicsv || !haveMido) {
-        GTEST_SKIP() << "midicsv or /usr/bin/python3 with mido is not installed";
     }
 }
 

@@ -82,6 +82,7 @@ class EditDetectorViewModel : public QObject
                    videoStartDigitsChanged)
     Q_PROPERTY(bool isSessionTCValid READ isSessionTCValid NOTIFY isSessionTCValidChanged)
     Q_PROPERTY(bool isVideoTCValid READ isVideoTCValid NOTIFY isVideoTCValidChanged)
+    Q_PROPERTY(std::string markerName READ markerName WRITE setMarkerName NOTIFY markerNameChanged)
 
 public:
     /// Quiet period after the last change of a timecode's text before its validity is recomputed.
@@ -143,6 +144,10 @@ public:
     [[nodiscard]] bool isSessionTCValid() const;
     /// As isSessionTCValid(), for Video Start.
     [[nodiscard]] bool isVideoTCValid() const;
+    /// The pattern of the cut markers' texts in an export (see markerText: "{n}" is the cut's
+    /// number, "{tc}" its timecode), kDefaultMarkerName at first. Not kept between runs.
+    [[nodiscard]] const std::string& markerName() const;
+    void setMarkerName(const std::string& pattern);
 
     // Operations.
 
@@ -166,7 +171,8 @@ public:
     void cancelScan();
 
     /// The bytes of a Standard MIDI File with a "VIDEO START" marker at the offset of Video Start
-    /// from Session Start (clamped at 0) and a " " marker per edit. Fails with
+    /// from Session Start (clamped at 0) and a marker per edit named by markerName (see
+    /// app::makeMIDIData). Fails with
     /// exportError(ExportError::noMarkers) without markers,
     /// exportError(ExportError::invalidTimecode) when either timecode has no frame count at the
     /// rate in force, or the exporter's error.
@@ -196,6 +202,7 @@ signals:
     void videoStartDigitsChanged(const std::string& digits);
     void isSessionTCValidChanged(bool isValid);
     void isVideoTCValidChanged(bool isValid);
+    void markerNameChanged(const std::string& pattern);
 
 private:
     // A scan's handle with the generation it was started with.
@@ -251,6 +258,7 @@ private:
     std::optional<std::string> errorMessage_;
     std::string sessionStartDigits_ = "00000000";
     std::string videoStartDigits_ = "01000000";
+    std::string markerName_ = std::string(kDefaultMarkerName);
     bool isSessionTCValid_ = false;
     bool isVideoTCValid_ = false;
 

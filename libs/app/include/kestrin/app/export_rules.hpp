@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -45,12 +46,6 @@ struct DropFrameSources
 /// is its frame index.
 [[nodiscard]] std::int64_t timecodeFrameOf(const core::EditMarker& marker, float nominalFPS);
 
-/// The distances between the markers' timecode frames (timecodeFrameOf at `nominalFPS`), in
-/// ascending order from frame 0. Markers on frame 0 and repeated frames add nothing, so the deltas
-/// sum to the last marker's frame.
-[[nodiscard]] std::vector<std::int64_t> frameDeltas(const std::vector<core::EditMarker>& markers,
-                                                    float nominalFPS);
-
 /// Frames from Session Start to Video Start at the snapped `nominalFPS` (negative when the video
 /// starts before the session); absent when either digit string is not a timecode at that rate.
 [[nodiscard]] std::optional<std::int64_t> videoStartOffsetFrames(
@@ -71,6 +66,17 @@ enum class ExportError : std::uint8_t { noMarkers, invalidTimecode };
 /// Start.").
 [[nodiscard]] core::Error exportError(ExportError error);
 
+/// The text of cut markers unless the user chooses another: "Cut 1", "Cut 2", ... Workstations
+/// such as Ardour drop a marker whose name is blank, so the default names every cut.
+inline constexpr std::string_view kDefaultMarkerName = "Cut {n}";
+
+/// The marker text of cut `number` (from 1) lying at `timecode`: `pattern` with every "{n}"
+/// replaced by the number and every "{tc}" by the timecode; anything else is kept as written, so
+/// " " names every cut " ".
+[[nodiscard]] std::string markerText(std::string_view pattern,
+                                     std::int64_t number,
+                                     std::string_view timecode);
+
 /// Everything an export needs besides the exporter.
 struct MarkerExport
 {
@@ -79,14 +85,15 @@ struct MarkerExport
     DropFrameSources dropFrame;
     std::string_view sessionStartDigits = "00000000";
     std::string_view videoStartDigits = "01000000";
-    /// Text of every cut marker; the first marker is always "VIDEO START".
-    std::string_view markerName = " ";
+    /// The pattern of every cut marker's text (see markerText); the first marker is always
+    /// "VIDEO START".
+    std::string_view markerName = kDefaultMarkerName;
 };
 
 /// The bytes of the marker file: fails with noMarkers when there are no markers and with
-/// invalidTimecode when a timecode has no frame count; otherwise the exporter's result (its own
-/// errors passed on), with the video's start placed at the offset from the session's start,
-/// clamped at 0.
+/// invalidTimecode when a timecode has no frame count; otherwise the exporter's named export of
+/// planMarkerExport's cuts (its own errors passed on): "VIDEO START" where the video is placed,
+/// then one marker per planned cut.
 [[nodiscard]] core::Expected<std::vector<std::uint8_t>> makeMIDIData(
     const MarkerExport& request, midi::MIDIExportService& exporter);
 

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -35,6 +37,18 @@ public:
         std::optional<std::string_view> firstMarkerName,
         std::int64_t startOffsetFrames,
         std::int64_t firstGapFrames) = 0;
+
+    /// As exportMarkerFile without a first gap, with a text of its own for every marker event:
+    /// `markerNames[0]` for the marker `startOffsetFrames` after time zero (normally "VIDEO
+    /// START"), then `markerNames[i + 1]` for the marker of `frameDeltas[i]`.
+    ///
+    /// Fails as exportMarkerFile does, and with the writer's kNameCountCode error when there is
+    /// not exactly one text more than there are frame deltas. Never throws.
+    [[nodiscard]] virtual core::Expected<std::vector<std::uint8_t>> exportNamedMarkerFile(
+        const std::vector<std::int64_t>& frameDeltas,
+        MIDIFrameRate rate,
+        std::int64_t startOffsetFrames,
+        std::span<const std::string> markerNames) = 0;
 
 protected:
     MIDIExportService() = default;

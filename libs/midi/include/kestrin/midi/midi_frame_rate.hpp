@@ -43,4 +43,20 @@ struct TickRatio
 /// code the view model chooses for a rate it does not recognise.
 [[nodiscard]] TickRatio ticksPerFrame(MIDIFrameRate rate);
 
+/// A frame rate as the exact ratio numerator / denominator frames per second, e.g. 30000 / 1001.
+struct FrameRateRatio
+{
+    std::int64_t numerator = 24;
+    std::int64_t denominator = 1;
+
+    friend bool operator==(const FrameRateRatio&, const FrameRateRatio&) = default;
+};
+
+/// The frame rate of `rate`: 19200 / ticksPerFrame(rate), so 30000/1001 for both 29.97 codes and
+/// 24/1 for a value outside 0..13.
+[[nodiscard]] FrameRateRatio framesPerSecond(MIDIFrameRate rate);
+
+/// Whether `rate` is one of the two drop-frame codes (2 and 9).
+[[nodiscard]] bool isDropFrame(MIDIFrameRate rate);
+
 }  // namespace kestrin::midi

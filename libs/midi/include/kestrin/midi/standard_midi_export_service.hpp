@@ -8,24 +8,26 @@
 
 namespace kestrin::midi {
 
-/// The exporter Kestrin uses: builds the file with assembleMarkerFile at kTicksPerQuarter ticks
-/// per quarter note and kTempoUSPerQuarter microseconds per quarter note (19200 ticks per second),
-/// then passes the bytes once through a temporary file and returns what it reads back.
+/// The exporter Kestrin uses: builds the file with assembleMarkerFile in the layout it was made
+/// with (19200 ticks per second either way), then passes the bytes once through a temporary file
+/// and returns what it reads back.
 ///
-/// Holds nothing between calls beyond the directory it was given; for the interface thread (one
-/// call at a time), where exportMarkerFile runs synchronously, file input and output included.
+/// Holds nothing between calls beyond its layout and the directory it was given; for the
+/// interface thread (one call at a time), where the exports run synchronously, file input and
+/// output included.
 class StandardMIDIExportService final : public MIDIExportService
 {
 public:
-    /// Uses the user's temporary directory ($TMPDIR, else /tmp), looked up at each export.
-    StandardMIDIExportService() = default;
+    /// Writes `layout` and uses the user's temporary directory ($TMPDIR, else /tmp), looked up
+    /// at each export.
+    explicit StandardMIDIExportService(MarkerFileLayout layout = MarkerFileLayout::Workstation);
     /// Uses `temporaryDirectory` for the round trip instead; it must exist when exporting.
-    explicit StandardMIDIExportService(std::filesystem::path temporaryDirectory);
+    StandardMIDIExportService(MarkerFileLayout layout, std::filesystem::path temporaryDirectory);
 
-    /// Ticks per quarter note: 19200.
-    [[nodiscard]] static constexpr std::int64_t ppq() { return kTicksPerQuarter; }
-    /// Microseconds per quarter note: 1000000.
-    [[nodiscard]] static constexpr std::int64_t tempoUSPerQuarter() { return kTempoUSPerQuarter; }
+    /// Ticks per quarter note: 9600 in the workstation layout, 19200 in the plain one.
+    [[nodiscard]] std::int64_t ppq() const;
+    /// Microseconds per quarter note: 500000 in the workstation layout, 1000000 in the plain one.
+    [[nodiscard]] std::int64_t tempoUSPerQuarter() const;
 
     /// As MIDIExportService::exportMarkerFile. The steps: convert the frames to tick deltas,
     /// assemble the file, write it atomically to "<random version 4 UUID>.mid" in the temporary
@@ -47,8 +49,22 @@ public:
         std::int64_t startOffsetFrames,
         std::int64_t firstGapFrames) override;
 
+    /// As MIDIExportService::exportNamedMarkerFile, with the steps and failures of
+    /// exportMarkerFile.
+    [[nodiscard]] core::Expected<std::vector<std::uint8_t>> exportNamedMarkerFile(
+        const std::vector<std::int64_t>& frameDeltas,
+        MIDIFrameRate rate,
+        std::int64_t startOffsetFrames,
+        std::span<const std::string> markerNames) override;
+
 private:
-    std::optional<std::filesystem::path> temporaryDirectory_;  ///< immutable after construction
+    // The file's round trip through the temporary directory.
+    core::Expected<std::vector<std::uint8_t>> roundTrip(
+        const std::vector<std::uint8_t>& file) const;
+
+    // Both immutable after construction.
+    MarkerFileLayout layout_;
+    std::optional<std::filesystem::path> temporaryDirectory_;
 };
 
 }  // namespace kestrin::midi
