@@ -3,13 +3,16 @@ ardour {
     name        = "Import Kestrin Cut Markers",
     author      = "Kestrin",
     description = [[
-Adds the picture cuts of a Kestrin marker file to the session as location markers (the Markers
-ruler, the Locations window), each at its exact sample: "VIDEO START" and one marker per cut,
-named as in the file.
+Adds the picture cuts of a Kestrin marker file to the session as location markers (the Location
+Markers ruler, the Locations window), each at its exact sample: "VIDEO START" and one marker per
+cut, named as in the file.
 
-Reads either file Kestrin writes: the marker MIDI file (.mid) or the cut list (.tsv). Kestrin's
-Session Start is the session's sample 0, whatever timecode the session shows there (a session
-whose timecode offset is one hour shows sample 0 as 01:00:00:00).
+Reads either file Kestrin writes: the marker MIDI file (.mid) or the cut list (.tsv).
+
+Kestrin's Session Start is the session's sample 0, the start of Ardour's timeline, whatever
+timecode the session shows there (a session whose timecode is offset by an hour shows sample 0 as
+01:00:00:00). Where the picture sits at its own timecode on Ardour's timeline instead (sample 0
+being 00:00:00:00), scan with Session Start 00:00:00:00 and every marker lands on its timecode.
 
 Files Kestrin did not write, and damaged ones, are refused with a message, and then no marker
 is added. Markers already in the session with the same name at the same sample are left as they
