@@ -69,8 +69,9 @@ function factory () return function ()
         local factory = assert (load (string.dump (env.factory, true), "=factory", "b", env))
         factory () ()
 
+        local after = snapshot ()
         local added = {}
-        for _, now in ipairs (snapshot ()) do
+        for _, now in ipairs (after) do
             local old = nil
             for _, b in ipairs (before) do
                 if b.location == now.location then old = b break end
@@ -84,7 +85,7 @@ function factory () return function ()
         end
         for _, b in ipairs (before) do
             local still = false
-            for _, now in ipairs (snapshot ()) do still = still or now.location == b.location end
+            for _, now in ipairs (after) do still = still or now.location == b.location end
             if not still then report ("CHANGED", label, b.name, b.sample) end
         end
         if not keep then
