@@ -68,8 +68,13 @@ core::Expected<std::unique_ptr<LocalFileInput>> LocalFileInput::open(
     std::unique_ptr<LocalFileInput> input(new LocalFileInput(fd, interrupt));
     auto* buffer = static_cast<unsigned char*>(av_malloc(kBufferBytes));
     if (buffer != nullptr) {
-        input->io_ = avio_alloc_context(
-            buffer, kBufferBytes, 0, input.get(), &LocalFileInput::read, nullptr, &LocalFileInput::seek);
+        input->io_ = avio_alloc_context(buffer,
+                                        kBufferBytes,
+                                        0,
+                                        input.get(),
+                                        &LocalFileInput::read,
+                                        nullptr,
+                                        &LocalFileInput::seek);
     }
     if (input->io_ == nullptr) {
         av_free(buffer);
@@ -142,8 +147,7 @@ bool isListOfOtherFiles(const AVInputFormat& format)
 
 core::Error listRefused(const AVInputFormat& format)
 {
-    const std::string description =
-        format.long_name != nullptr ? format.long_name : format.name;
+    const std::string description = format.long_name != nullptr ? format.long_name : format.name;
     return core::Error{kInputDomain,
                        kOtherResourceCode,
                        "Is a list of other files or addresses (" + description

@@ -23,7 +23,7 @@ class LocalFileInput
 {
 public:
     static core::Expected<std::unique_ptr<LocalFileInput>> open(const std::filesystem::path& path,
-                                                                 const Interrupt& interrupt);
+                                                                const Interrupt& interrupt);
     ~LocalFileInput();
     LocalFileInput(const LocalFileInput&) = delete;
     LocalFileInput& operator=(const LocalFileInput&) = delete;
@@ -54,11 +54,8 @@ inline constexpr int kOtherResourceCode = 2;
 /// An AVFormatContext::io_open that opens nothing: demuxers that would read further files or
 /// addresses named inside the input (HLS and DASH playlists, concatenation lists, external
 /// references) fail with AVERROR(EPERM) instead.
-int refuseNestedOpen(AVFormatContext* context,
-                     AVIOContext** io,
-                     const char* url,
-                     int flags,
-                     AVDictionary** options);
+int refuseNestedOpen(
+    AVFormatContext* context, AVIOContext** io, const char* url, int flags, AVDictionary** options);
 
 /// Whether `format` is one whose files only name other files or addresses to read: HLS and DASH
 /// playlists, concatenation lists, IMF compositions, SDP session descriptions.
