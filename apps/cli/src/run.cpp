@@ -9,8 +9,6 @@
 #include <kestrin/timecode/timecode.hpp>
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 #include <utility>
 
 namespace kestrin::cli {
@@ -35,6 +33,7 @@ void Interruption::interrupt()
 {
     const std::scoped_lock lock(mutex_);
     interrupted_ = true;
+    stop_.request_stop();
     if (current_ != nullptr) {
         current_->requestStop();
     }
@@ -82,7 +81,8 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
 {
     VideoReport report;
     report.file = video;
-    const core::Expected<app::VideoInfo> info = app::loadVideoInfo(*opener_, video);
+    const core::Expected<app::VideoInfo> info =
+        app::loadVideoInfo(*opener_, video, interruption_.stopToken());
     if (!info) {
         report.error = info.error();
         return report;
@@ -105,19 +105,11 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
 
     scan::Scan scan = service_.scanForEdits(video);
     interruption_.attach(scan.handle);
-    // Polled rather than waited for in next(): a blocking wait was seen to miss the stream's
-    // finish under the address sanitizer, leaving the tool hanging after a failed scan.
-    for (bool ended = false; !ended;) {
-        ended = scan.events->hasEnded();  // before draining, so no event is left behind
-        while (const std::optional<core::ProgressEvent> event = scan.events->tryNext()) {
-            if (event->kind() == core::ProgressEvent::Kind::mode) {
-                report.mode = event->scanMode();
-            } else if (progress) {
-                progress(event->fraction());
-            }
-        }
-        if (!ended) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    while (const std::optional<core::ProgressEvent> event = scan.events->next()) {
+        if (event->kind() == core::ProgressEvent::Kind::mode) {
+            report.mode = event->scanMode();
+        } else if (progress) {
+            progress(event->fraction());
         }
     }
     const core::Expected<std::vector<core::EditMarker>> markers = scan.handle.waitForResult();

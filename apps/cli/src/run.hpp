@@ -12,6 +12,7 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,9 @@ public:
     /// Marks the run interrupted and asks the current scan, if any, to stop.
     void interrupt();
     [[nodiscard]] bool interrupted() const;
+    /// Stopped once the run is interrupted: for the work outside a scan (reading a file's
+    /// timing).
+    [[nodiscard]] std::stop_token stopToken() const { return stop_.get_token(); }
 
     /// The scan in progress, from attach to detach (by the thread that runs it).
     void attach(scan::ScanHandle& handle);
@@ -54,6 +58,7 @@ public:
 
 private:
     mutable std::mutex mutex_;
+    std::stop_source stop_;  // thread-safe on its own
     bool interrupted_ = false;
     scan::ScanHandle* current_ = nullptr;
 };

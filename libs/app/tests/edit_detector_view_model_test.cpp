@@ -134,11 +134,12 @@ public:
     scan::ScanSteps steps()
     {
         scan::ScanSteps steps;
-        steps.decideMode = [this](const media::Asset&, const media::Track&, const core::Log&) {
-            const std::scoped_lock lock(mutex_);
-            return core::Expected<core::ScanMode>(trusted_ ? core::ScanMode::trustedKeyframes
-                                                           : core::ScanMode::noKeyframes);
-        };
+        steps.decideMode =
+            [this](const media::Asset&, const media::Track&, const core::Log&, const auto&) {
+                const std::scoped_lock lock(mutex_);
+                return core::Expected<core::ScanMode>(trusted_ ? core::ScanMode::trustedKeyframes
+                                                               : core::ScanMode::noKeyframes);
+            };
         const auto scripted = [this](const scan::DetectionContext& context,
                                      const std::vector<EditMarker>&) {
             return run(context.reportProgress, context.stopToken);

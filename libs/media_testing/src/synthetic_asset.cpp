@@ -83,6 +83,7 @@ class SyntheticCursor : public media::SampleCursor
 public:
     explicit SyntheticCursor(const SyntheticTrackHandle& track)
         : samples_(track.script().samples)
+        , onStep_(track.script().onCursorStep)
         , order_(track.inPresentationOrder())
         , rank_(samples_.size())
     {
@@ -103,6 +104,7 @@ public:
     {
         const std::int64_t moved = clampStep(static_cast<std::int64_t>(position_), count);
         position_ = static_cast<std::size_t>(static_cast<std::int64_t>(position_) + moved);
+        reportStep(moved);
         return moved;
     }
     std::int64_t stepInPresentationOrder(std::int64_t count) override
@@ -110,10 +112,18 @@ public:
         const auto rank = static_cast<std::int64_t>(rank_[position_]);
         const std::int64_t moved = clampStep(rank, count);
         position_ = order_[static_cast<std::size_t>(rank + moved)];
+        reportStep(moved);
         return moved;
     }
 
 private:
+    void reportStep(std::int64_t moved) const
+    {
+        if (moved != 0 && onStep_) {
+            onStep_(static_cast<std::int64_t>(position_));
+        }
+    }
+
     [[nodiscard]] std::int64_t clampStep(std::int64_t from, std::int64_t count) const
     {
         const auto last = static_cast<std::int64_t>(samples_.size()) - 1;
@@ -122,6 +132,7 @@ private:
 
     // Copies, so that the cursor outlives its asset as the interface promises.
     std::vector<SyntheticSample> samples_;
+    std::function<void(std::int64_t)> onStep_;
     std::vector<std::size_t> order_;
     std::vector<std::size_t> rank_;
     std::size_t position_ = 0;

@@ -10,7 +10,7 @@ namespace kestrin::scan {
 core::Expected<std::vector<core::SyncSample>> syncSamplesOrSwitch(const DetectionContext& context)
 {
     core::Expected<std::vector<core::SyncSample>> syncs =
-        collectSyncSamplesFast(context.track, context.log);
+        collectSyncSamplesFast(context.track, context.log, context.stopToken);
     if (syncs && syncs->empty()) {
         // Nothing to confirm: no edits. Decoding the whole file instead is deliberately not tried;
         // the consumer learns the mode changed and the scan is done.

@@ -1,4 +1,5 @@
 #include <kestrin/scan/keyframe_trust.hpp>
+#include <kestrin/scan/scan_error.hpp>
 
 #include <algorithm>
 #include <array>
@@ -84,7 +85,10 @@ struct GapWalk
 
 // Moves `cursor` forward in presentation order from where it stands, recording the gaps between
 // sync samples, until a sample presented after `horizonSeconds` or the end of the track.
-GapWalk walkGaps(media::SampleCursor& cursor, double horizonSeconds)
+// Absent when the stop request ended the walk.
+std::optional<GapWalk> walkGaps(media::SampleCursor& cursor,
+                                double horizonSeconds,
+                                const std::stop_token& stopToken)
 {
     GapWalk walk;
     walk.gaps.reserve(kReservedGaps);
@@ -92,6 +96,9 @@ GapWalk walkGaps(media::SampleCursor& cursor, double horizonSeconds)
     std::int64_t previousSyncIndex = 0;
     bool hasPreviousSync = false;
     while (true) {
+        if (stopToken.stop_requested()) {
+            return std::nullopt;
+        }
         const core::MediaTime time = cursor.presentationTimeStamp();
         if (time.isNumeric()) {
             const double seconds = time.seconds();
@@ -203,7 +210,8 @@ bool irregularKeyframes(const GapStatistics& statistics,
 core::Expected<bool> keyframesTrustable(const media::Asset& asset,
                                         const media::Track& track,
                                         const KeyframeTrustParameters& parameters,
-                                        const core::Log& log)
+                                        const core::Log& log,
+                                        const std::stop_token& stopToken)
 {
     const auto canProvideCursors = track.canProvideSampleCursors();
     if (!canProvideCursors) {
@@ -214,7 +222,10 @@ core::Expected<bool> keyframesTrustable(const media::Asset& asset,
         return false;
     }
     const std::unique_ptr<media::SampleCursor> cursor =
-        track.makeSampleCursorAtFirstSampleInDecodeOrder();
+        track.makeSampleCursorAtFirstSampleInDecodeOrder(stopToken);
+    if (stopToken.stop_requested()) {
+        return scan_error::cancelled();
+    }
     if (!cursor) {
         log.line(refusal("failed to make sample cursor"));
         return false;
@@ -233,7 +244,11 @@ core::Expected<bool> keyframesTrustable(const media::Asset& asset,
     const double horizonSeconds = std::isnan(durationSeconds)
                                       ? parameters.maxScanSeconds
                                       : std::min(durationSeconds, parameters.maxScanSeconds);
-    const GapWalk walk = walkGaps(*cursor, horizonSeconds);
+    const std::optional<GapWalk> walked = walkGaps(*cursor, horizonSeconds, stopToken);
+    if (!walked) {
+        return scan_error::cancelled();
+    }
+    const GapWalk& walk = *walked;
     const std::span<const std::int64_t> gaps(walk.gaps);
 
     if (static_cast<std::int64_t>(gaps.size()) < parameters.minIntervals) {
@@ -276,8 +291,8 @@ core::Expected<bool> keyframesTrustable(const media::Asset& asset,
     return verdict;
 }
 
-core::Expected<std::vector<core::SyncSample>> collectSyncSamplesFast(const media::Track& track,
-                                                                     const core::Log& log)
+core::Expected<std::vector<core::SyncSample>> collectSyncSamplesFast(
+    const media::Track& track, const core::Log& log, const std::stop_token& stopToken)
 {
     const auto canProvideCursors = track.canProvideSampleCursors();
     if (!canProvideCursors) {
@@ -288,13 +303,19 @@ core::Expected<std::vector<core::SyncSample>> collectSyncSamplesFast(const media
         return syncs;
     }
     const std::unique_ptr<media::SampleCursor> cursor =
-        track.makeSampleCursorAtFirstSampleInDecodeOrder();
+        track.makeSampleCursorAtFirstSampleInDecodeOrder(stopToken);
+    if (stopToken.stop_requested()) {
+        return scan_error::cancelled();
+    }
     if (!cursor) {
         return syncs;
     }
 
     std::int64_t index = 0;
     while (true) {
+        if (stopToken.stop_requested()) {
+            return scan_error::cancelled();
+        }
         if (cursor->currentSampleIsFullSync()) {
             syncs.push_back(core::SyncSample{index, cursor->presentationTimeStamp(), std::nullopt});
         }

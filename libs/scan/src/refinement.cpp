@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <exception>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -266,7 +267,18 @@ core::Expected<std::vector<core::EditMarker>> refineCandidates(
     const auto start = [&](std::size_t slot) {
         slots[slot] = std::jthread(
             [&queue, &refine, slot, frame = candidateFrames[started], token = stopAll.get_token()] {
-                queue.push({slot, refine(frame, token)});
+                // An exception must not leave this thread (it would end the process): it becomes
+                // the refinement's error, and so the scan's.
+                const auto outcome = [&]() -> core::Expected<std::optional<core::EditMarker>> {
+                    try {
+                        return refine(frame, token);
+                    } catch (const std::exception& exception) {
+                        return scan_error::unexpectedFailure(exception.what());
+                    } catch (...) {
+                        return scan_error::unexpectedFailure("unknown exception");
+                    }
+                };
+                queue.push({slot, outcome()});
             });
         ++started;
     };

@@ -16,10 +16,11 @@ using ScanOutcome = core::Expected<std::vector<core::EditMarker>>;
 
 core::Expected<core::ScanMode> decideScanMode(const media::Asset& asset,
                                               const media::Track& track,
-                                              const core::Log& log)
+                                              const core::Log& log,
+                                              const std::stop_token& stop)
 {
     const core::Expected<bool> trusted =
-        keyframesTrustable(asset, track, KeyframeTrustParameters{}, log);
+        keyframesTrustable(asset, track, KeyframeTrustParameters{}, log, stop);
     if (!trusted) {
         return trusted.error();
     }
@@ -93,7 +94,8 @@ private:
         if (!steps_.decideMode) {
             return scan_error::stepUnavailable("mode decision");
         }
-        const core::Expected<core::ScanMode> mode = steps_.decideMode(asset, track, log_);
+        const core::Expected<core::ScanMode> mode =
+            steps_.decideMode(asset, track, log_, stopToken);
         if (stopToken.stop_requested()) {
             return scan_error::cancelled();
         }

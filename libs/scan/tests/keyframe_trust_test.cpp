@@ -1,5 +1,6 @@
 #include <kestrin/media_testing/synthetic_asset.hpp>
 #include <kestrin/scan/keyframe_trust.hpp>
+#include <kestrin/scan/scan_error.hpp>
 
 #include <gtest/gtest.h>
 
@@ -7,7 +8,9 @@
 #include <cmath>
 #include <cstdint>
 #include <iterator>
+#include <optional>
 #include <sstream>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -249,6 +252,42 @@ TEST(SyncSampleCollection, ListsDecodeOrderIndicesWithPresentationTimes)
     SyntheticTrack noSyncs = gapTrack({});
     noSyncs.samples.front().isSync = false;
     EXPECT_EQ(collect(noSyncs), (Lines{"{}", "collectSyncSamplesFast: found 0 syncs."}));
+}
+
+// Both walks see a stop request before the next sample: a track without a sample table is
+// demuxed to its end otherwise, and a Cancel must not wait for that.
+TEST(KeyframeWalks, StopBeforeTheNextSample)
+{
+    for (const bool isTrustWalk : {true, false}) {
+        SCOPED_TRACE(isTrustWalk ? "keyframesTrustable" : "collectSyncSamplesFast");
+        std::stop_source stop;
+        std::int64_t furthest = 0;
+        SyntheticTrack track = media_testing::makeVideoTrack(
+            25,
+            100000,
+            [](std::int64_t) { return media_testing::flatPicture(0); },
+            [](std::int64_t i) { return i % 7 == 0; });
+        track.onCursorStep = [&](std::int64_t index) {
+            furthest = std::max(furthest, index);
+            if (index == 40) {
+                stop.request_stop();
+            }
+        };
+        const media_testing::SyntheticAsset asset(MediaTime::make(100000, 25), {track});
+        const media::Track& video = *asset.tracks()->front();
+        Lines lines;
+        const core::Log log([&lines](std::string_view line) { lines.emplace_back(line); });
+        const auto errorOf = [](const auto& outcome) {
+            return outcome ? std::optional<core::Error>() : outcome.error();
+        };
+        const std::optional<core::Error> error =
+            isTrustWalk ? errorOf(keyframesTrustable(asset, video, {}, log, stop.get_token()))
+                        : errorOf(collectSyncSamplesFast(video, log, stop.get_token()));
+        ASSERT_TRUE(error.has_value());
+        EXPECT_TRUE(scan_error::isCancellation(*error)) << error->description;
+        EXPECT_EQ(furthest, 40);
+        EXPECT_TRUE(lines.empty());
+    }
 }
 
 }  // namespace

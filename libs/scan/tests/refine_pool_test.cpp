@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -120,6 +121,26 @@ TEST(RefinePool, RunsAtMostWidthInCompletionOrderAndStopsAtTheFirstErrorOrTheCal
         EXPECT_EQ(failing.started.size(), 2U);  // 30 and 40 never started
         EXPECT_TRUE(failing.reports.empty());
     }
+}
+
+// A refinement that throws ends the scan with an error value, not the process.
+TEST(RefinePool, AnExceptionInARefinementBecomesTheError)
+{
+    double lastProgress = 0;
+    const auto result =
+        refineCandidates(Frames{10, 20, 30},
+                         2,
+                         [](std::int64_t frame, const std::stop_token&) -> Outcome {
+                             if (frame == 20) {
+                                 throw std::runtime_error("bad frame");
+                             }
+                             return std::optional(EditMarker{frame, {}, std::nullopt});
+                         },
+                         {},
+                         lastProgress,
+                         {});
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error(), scan_error::unexpectedFailure("bad frame"));
 }
 
 }  // namespace

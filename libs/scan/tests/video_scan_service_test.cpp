@@ -86,7 +86,7 @@ ScanSteps scriptedSteps(const Script& script, std::string& calls)
         return script.markers;
     };
     ScanSteps steps;
-    steps.decideMode = [&](const auto&, const media::Track& track, const auto&) {
+    steps.decideMode = [&](const auto&, const media::Track& track, const auto&, const auto&) {
         calls += "trust" + std::to_string(track.trackIndex());
         return script.trusted ? Expected<core::ScanMode>(
                    *script.trusted ? core::ScanMode::trustedKeyframes : core::ScanMode::noKeyframes)

@@ -64,6 +64,9 @@ struct SyntheticTrack
     /// Samples in decode order.
     std::vector<SyntheticSample> samples;
     ReaderFaults faults;
+    /// Called with the decode-order index of the sample a cursor moves to, on the cursor's
+    /// thread, each time it moves: for tests that act in the middle of a walk.
+    std::function<void(std::int64_t)> onCursorStep;
 };
 
 /// Builds a video track of `count` frames at `framesPerSecond` (integer rate, timescale = rate,

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <span>
+#include <stop_token>
 #include <vector>
 
 namespace kestrin::scan {
@@ -109,11 +110,14 @@ bool irregularKeyframes(const GapStatistics& statistics,
 /// only makes the codec unknown ("????"). An unknown frame rate (0 or less) logs as 0.0.
 ///
 /// Cost: one step per sample within the horizon; no allocation per sample beyond the gap list.
-/// Runs on the caller's thread; not cancellable (the horizon bounds it).
+/// Runs on the caller's thread. A stop request through `stopToken` is seen before each sample
+/// (and ends the cursor's blocking reads): the result is then scan_error::cancelled(), with
+/// nothing logged.
 core::Expected<bool> keyframesTrustable(const media::Asset& asset,
                                         const media::Track& track,
                                         const KeyframeTrustParameters& parameters,
-                                        const core::Log& log);
+                                        const core::Log& log,
+                                        const std::stop_token& stopToken = {});
 
 /// Every sync sample of `track` in decode order: its decode-order index (0 for the first sample,
 /// counting every sample) and presentation time; the duration is left absent.
@@ -124,9 +128,11 @@ core::Expected<bool> keyframesTrustable(const media::Asset& asset,
 ///
 /// Errors: a failed load of canProvideSampleCursors is returned unchanged.
 ///
-/// Cost: one step per sample of the whole track (no time limit); allocates only the result.
-/// Runs on the caller's thread; not cancellable.
-core::Expected<std::vector<core::SyncSample>> collectSyncSamplesFast(const media::Track& track,
-                                                                     const core::Log& log);
+/// Cost: one step per sample of the whole track (no time limit: a file without a sample table is
+/// demuxed to its end); allocates only the result. Runs on the caller's thread. A stop request
+/// through `stopToken` is seen before each sample (and ends the cursor's blocking reads): the
+/// result is then scan_error::cancelled(), with nothing logged.
+core::Expected<std::vector<core::SyncSample>> collectSyncSamplesFast(
+    const media::Track& track, const core::Log& log, const std::stop_token& stopToken = {});
 
 }  // namespace kestrin::scan

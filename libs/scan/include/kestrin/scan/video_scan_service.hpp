@@ -19,13 +19,17 @@ namespace kestrin::scan {
 /// Decides how a scan looks for the edits of `track` (a video track of `asset`): trustedKeyframes
 /// when its sync samples can be trusted to sit at cuts. Runs on the scan's worker thread; its
 /// error ends the scan.
-using ModeDecision = std::function<core::Expected<core::ScanMode>(
-    const media::Asset& asset, const media::Track& track, const core::Log& log)>;
+using ModeDecision = std::function<core::Expected<core::ScanMode>(const media::Asset& asset,
+                                                                  const media::Track& track,
+                                                                  const core::Log& log,
+                                                                  const std::stop_token& stop)>;
 
-/// The real decision: keyframesTrustable() with the default KeyframeTrustParameters.
+/// The real decision: keyframesTrustable() with the default KeyframeTrustParameters, stopped by
+/// `stop` (then scan_error::cancelled()).
 [[nodiscard]] core::Expected<core::ScanMode> decideScanMode(const media::Asset& asset,
                                                             const media::Track& track,
-                                                            const core::Log& log);
+                                                            const core::Log& log,
+                                                            const std::stop_token& stop);
 
 /// What a scan does besides opening the file: how it decides the mode, and the detector whose
 /// stages for that mode find the edits. A default-constructed one uses decideScanMode() and
