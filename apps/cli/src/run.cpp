@@ -3,8 +3,8 @@
 #include <kestrin/app/export_rules.hpp>
 #include <kestrin/app/marker_plan.hpp>
 #include <kestrin/app/video_info.hpp>
+#include <kestrin/core/safe_file.hpp>
 #include <kestrin/midi/standard_midi_export_service.hpp>
-#include <kestrin/midi/temporary_file.hpp>
 #include <kestrin/scan/scan_error.hpp>
 #include <kestrin/timecode/timecode.hpp>
 
@@ -164,7 +164,7 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
             return report;
         }
         const std::filesystem::path target = options_.output.value_or(defaultMIDIPath(video));
-        if (const core::Status written = midi::writeFileAtomically(target, *bytes); !written) {
+        if (const core::Status written = core::writeFileSafely(target, *bytes); !written) {
             report.error = written.error();
             return report;
         }
@@ -172,9 +172,7 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
     }
     if (options_.cutList) {
         const std::string text = app::cutListText(*plan, video.filename().string());
-        const std::span bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
-        if (const core::Status written = midi::writeFileAtomically(*options_.cutList, bytes);
-            !written) {
+        if (const core::Status written = core::writeFileSafely(*options_.cutList, text); !written) {
             report.error = written.error();
             return report;
         }
