@@ -59,6 +59,11 @@ std::optional<std::string> timecodeDigits(std::string_view text)
 
 }  // namespace
 
+bool Options::isDataOnStandardOutput() const
+{
+    return output == kStandardOutput || cutList == kStandardOutput;
+}
+
 bool isTimecodeAt(std::string_view digits, float rate, bool dropFrame)
 {
     return timecode::isValidTimecodeDigits(
@@ -187,6 +192,14 @@ core::Expected<Options> parseOptions(std::span<const std::string_view> args)
     if (options.cutList && options.videos.size() > 1) {
         return usage("--cut-list needs exactly one video");
     }
+    if (options.output == kStandardOutput && options.cutList == kStandardOutput) {
+        return usage("--output and --cut-list cannot both write to standard output");
+    }
+    if (options.json && options.isDataOnStandardOutput()) {
+        return usage(
+            "--json cannot share standard output with "
+            + std::string(options.output == kStandardOutput ? "--output -" : "--cut-list -"));
+    }
     return options;
 }
 
@@ -210,24 +223,33 @@ Options:
   --rate R             frame rate instead of the file's (25, 29.97, 30000/1001, ...)
   --drop-frame         count drop-frame at 29.97 and 59.94, whatever the file says
   --non-drop-frame     count non-drop at 29.97 and 59.94, whatever the file says
-  -o, --output PATH    where to write the MIDI file (one video only)
+  -o, --output PATH    where to write the MIDI file (one video only); "-" writes it
+                       to standard output (not a terminal), the report then going
+                       to standard error
   --no-midi            scan only, write no MIDI file
   --plain-midi         write the MIDI file in the older plain layout: 19200 ticks
                        per quarter at 60 BPM, no frame-rate or channel event
                        (Ardour drops such a track, markers and all)
-  --cut-list PATH      also write the cuts as a tab-separated list (one video only)
+  --cut-list PATH      also write the cuts as a tab-separated list (one video only;
+                       "-": standard output)
   --marker-name TEXT   text of the cut markers; {n} is the cut's number, {tc} its
                        timecode (default: "Cut {n}"; " " leaves them blank)
   --detector NAME      how cuts are found (default: )"
            + std::string(scan::kDefaultDetectorName) + R"():
 )" + detectors
-           + R"(  --json               print one JSON object per video
+           + R"(  --json               print one JSON object per video (not with "-o -" or
+                       "--cut-list -")
   -q, --quiet          no progress bar, no line per successful video
   -v, --verbose        print the scan's diagnostics to standard error
   -h, --help           print this help
   --version            print the version
 
+Files are replaced whole or not at all; a link is written through. Before any scan
+the tool refuses (status 2) an output that is one of the videos, two outputs that
+are the same file, and an output that is a directory, a device, a FIFO or a socket.
+
 Exit status: 0 when every video succeeded, 1 when any failed, 2 on a usage error,
+3 when standard output could not be written (what it should hold is incomplete),
 130 when interrupted.
 )";
 }

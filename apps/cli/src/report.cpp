@@ -19,6 +19,12 @@ std::string shortest(Number value)
     return {buffer.data(), result.ptr};
 }
 
+// A written file's name as the human line shows it.
+std::string shownPath(const std::filesystem::path& path)
+{
+    return path == kStandardOutput ? "standard output" : path.string();
+}
+
 std::string modeName(core::ScanMode mode)
 {
     return mode == core::ScanMode::trustedKeyframes ? "trustedKeyframes" : "noKeyframes";
@@ -96,10 +102,10 @@ std::string humanLine(const VideoReport& report)
         + (report.cuts.size() == 1 ? " cut" : " cuts")
         + (report.mode == core::ScanMode::trustedKeyframes ? " (keyframes)" : " (decoded)");
     if (report.midi) {
-        line += " -> " + report.midi->string();
+        line += " -> " + shownPath(*report.midi);
     }
     if (report.cutList) {
-        line += (report.midi ? ", " : " -> ") + report.cutList->string();
+        line += (report.midi ? ", " : " -> ") + shownPath(*report.cutList);
     }
     return line;
 }
