@@ -104,7 +104,7 @@ int run(const cli::Options& options, cli::Interruption& interruption)
         if (interruption.interrupted()) {
             break;
         }
-        const std::string name = video.filename().string();
+        const std::string name = cli::terminalText(video.filename().string());
         const cli::VideoReport report =
             runner.run(video, [&](double fraction) { bar.show(name, fraction); });
         bar.clear();
@@ -152,7 +152,7 @@ int main(int argc, char** argv)
 
     const std::vector<std::string_view> args(argv + 1, argv + argc);
     const auto usageError = [](const core::Error& error) {
-        std::cerr << "kestrin-scan: " << error.description
+        std::cerr << "kestrin-scan: " << cli::terminalText(error.description)
                   << "\nTry 'kestrin-scan --help' for more information." << std::endl;
         return 2;
     };

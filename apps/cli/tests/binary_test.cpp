@@ -257,6 +257,13 @@ TEST_F(CliBinary, BadInputsFailAloneAndLeaveNoFile)
     EXPECT_NE(run.err.find("The file has no video track."), std::string::npos);
     EXPECT_EQ(midiFiles(dir_), std::vector<fs::path>{"h264-cuts_Markers.mid"});
 
+    // A name that is not UTF-8 and holds an escape sequence: valid JSON, a harmless line.
+    const std::string odd = (dir_ / "\xff\x1b[2J.mp4").string();
+    const Outcome json = scan({"--json", odd});
+    EXPECT_NE(json.out.find(R"(\ufffd\u001b[2J.mp4","error":)"), std::string::npos) << json.out;
+    const Outcome human = scan({odd});
+    EXPECT_NE(human.err.find(R"(\xff\x1b[2J.mp4: )"), std::string::npos) << human.err;
+
     // An output that cannot be written is a failure of that video, with no file left.
     const Outcome unwritable = scan({"-o", (dir_ / "no-dir" / "x.mid").string(), args[2]});
     EXPECT_EQ(unwritable.status, 1);
@@ -398,11 +405,15 @@ TEST_F(CliBinary, FailedWritesToStandardOutputExitWithThree)
 
 TEST_F(CliBinary, UsageErrorsExitWithTwo)
 {
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {}, {"--frobnicate", "a.mp4"}, {"--video-start", "25:00:00:00", "a.mp4"}}) {
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{},
+                                               {"--frobnicate", "a.mp4"},
+                                               {"--video-start", "25:00:00:00", "a.mp4"},
+                                               {"--video-start", "\x1b]2;owned\x07", "a.mp4"}}) {
         const Outcome run = scan(args);
         EXPECT_EQ(run.status, 2);
         EXPECT_NE(run.err.find("--help"), std::string::npos) << run.err;
+        EXPECT_EQ(run.err.find('\x1b'), std::string::npos) << "an escape reached the terminal";
         EXPECT_TRUE(run.out.empty());
     }
     EXPECT_TRUE(scan({"--version"}).out.starts_with("kestrin-scan "));

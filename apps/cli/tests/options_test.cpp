@@ -103,6 +103,28 @@ TEST(CliReport, JsonStringsAndMarkerTexts)
 {
     EXPECT_EQ(jsonString("a\"b\\c\n\t\x01\x7f Schnitt ä"),
               R"("a\"b\\c\n\t\u0001\u007f Schnitt ä")");
+    // File names need not be UTF-8, and may carry what a terminal takes as commands. Every byte
+    // outside a well-formed sequence counts alone: a lead byte cut short, a stray continuation,
+    // an overlong slash, a surrogate, a code point above U+10FFFF.
+    struct Row
+    {
+        std::string_view text;
+        std::string_view json;
+        std::string_view terminal;
+    };
+    const Row rows[] = {
+        {"ä€𝄞", R"("ä€𝄞")", "ä€𝄞"},
+        {"\x1b[2J\xc2\x9b", R"("\u001b[2J\u009b")", R"(\x1b[2J\xc2\x9b)"},
+        {"a\tb\n", R"("a\tb\n")", R"(a\x09b\x0a)"},
+        {"\xc3.\x80", R"("\ufffd.\ufffd")", R"(\xc3.\x80)"},
+        {"\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80\xe2\x82",
+         R"("\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd")",
+         R"(\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80\xe2\x82)"},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(jsonString(row.text), row.json) << row.terminal;
+        EXPECT_EQ(terminalText(row.text), row.terminal) << row.terminal;
+    }
 
     VideoReport failed;
     failed.file = "dir/\"odd\".mp4";
