@@ -7,10 +7,13 @@
 #include <kestrin/media_ffmpeg/ffmpeg_asset_opener.hpp>
 #include <kestrin/media_ffmpeg/ffmpeg_log.hpp>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -63,6 +66,29 @@ private:
     int percent_ = -1;
 };
 
+// The exit status when standard output could not be written: what the run printed, or sent
+// there with -o - or --cut-list -, is incomplete.
+constexpr int kOutputFailedStatus = 3;
+
+// Writes all of `text` to standard output, unbuffered; on failure says why on standard error.
+bool writeOut(std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t count = ::write(STDOUT_FILENO, text.data(), text.size());
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            const int error = errno;
+            std::cerr << "kestrin-scan: could not write to standard output: "
+                      << std::generic_category().message(error) << std::endl;
+            return false;
+        }
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
 int run(const cli::Options& options, cli::Interruption& interruption)
 {
     const core::Log log = options.verbose ? core::Log() : core::Log::discard();
@@ -78,7 +104,7 @@ int run(const cli::Options& options, cli::Interruption& interruption)
         if (interruption.interrupted()) {
             break;
         }
-        const std::string name = video.filename().string();
+        const std::string name = cli::terminalText(video.filename().string());
         const cli::VideoReport report =
             runner.run(video, [&](double fraction) { bar.show(name, fraction); });
         bar.clear();
@@ -86,12 +112,24 @@ int run(const cli::Options& options, cli::Interruption& interruption)
             break;
         }
         anyFailed = anyFailed || report.error.has_value();
+        const std::string_view data(reinterpret_cast<const char*>(report.standardOutput.data()),
+                                    report.standardOutput.size());
+        if (!writeOut(data)) {
+            return kOutputFailedStatus;
+        }
         if (options.json) {
-            std::cout << cli::jsonLine(report) << std::endl;
+            if (!writeOut(cli::jsonLine(report) + "\n")) {
+                return kOutputFailedStatus;
+            }
         } else if (report.error) {
             std::cerr << cli::humanLine(report) << std::endl;
         } else if (!options.quiet) {
-            std::cout << cli::humanLine(report) << std::endl;
+            // Standard output may carry a file's bytes; the report must not mix with them.
+            if (options.isDataOnStandardOutput()) {
+                std::cerr << cli::humanLine(report) << std::endl;
+            } else if (!writeOut(cli::humanLine(report) + "\n")) {
+                return kOutputFailedStatus;
+            }
         }
     }
     if (interruption.interrupted()) {
@@ -113,19 +151,29 @@ int main(int argc, char** argv)
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     const std::vector<std::string_view> args(argv + 1, argv + argc);
-    const core::Expected<cli::Options> options = cli::parseOptions(args);
-    if (!options) {
-        std::cerr << "kestrin-scan: " << options.error().description
+    const auto usageError = [](const core::Error& error) {
+        std::cerr << "kestrin-scan: " << cli::terminalText(error.description)
                   << "\nTry 'kestrin-scan --help' for more information." << std::endl;
         return 2;
+    };
+    const core::Expected<cli::Options> options = cli::parseOptions(args);
+    if (!options) {
+        return usageError(options.error());
     }
-    if (options->help) {
-        std::cout << cli::helpText();
-        return 0;
+    if (options->help || options->version) {
+        const bool written = writeOut(
+            options->help ? cli::helpText() : std::string("kestrin-scan " KESTRIN_VERSION "\n"));
+        return written ? 0 : kOutputFailedStatus;
     }
-    if (options->version) {
-        std::cout << "kestrin-scan " KESTRIN_VERSION << std::endl;
-        return 0;
+    if (const core::Status outputs = cli::checkOutputs(*options); !outputs) {
+        return usageError(outputs.error());
+    }
+    // Binary data would garble the terminal.
+    if (options->output == cli::kStandardOutput && isatty(STDOUT_FILENO) == 1) {
+        return usageError({"usage",
+                           2,
+                           "--output -: standard output is a terminal; redirect it to a file or "
+                           "a pipe"});
     }
 
     cli::Interruption interruption;

@@ -23,11 +23,12 @@ struct Options
     std::string videoStartDigits = "01000000";
     std::optional<float> rate;      ///< --rate, snapped; absent: the file's rate
     std::optional<bool> dropFrame;  ///< --drop-frame / --non-drop-frame
+    /// -o: where the MIDI file goes; kStandardOutput for standard output.
     std::optional<std::filesystem::path> output;
     bool writeMIDI = true;
     /// --plain-midi: the layout without what workstations need.
     midi::MarkerFileLayout layout = midi::MarkerFileLayout::Workstation;
-    /// --cut-list: where to write the cut list too.
+    /// --cut-list: where to write the cut list too; kStandardOutput for standard output.
     std::optional<std::filesystem::path> cutList;
     /// --marker-name: the pattern of the cut markers' texts (see app::markerText).
     std::string markerName = std::string(app::kDefaultMarkerName);
@@ -38,7 +39,14 @@ struct Options
     bool verbose = false;
     bool help = false;
     bool version = false;
+
+    /// Whether -o or --cut-list sends a file's bytes to standard output, which the report then
+    /// leaves to standard error.
+    [[nodiscard]] bool isDataOnStandardOutput() const;
 };
+
+/// The name -o and --cut-list take for standard output.
+inline constexpr std::string_view kStandardOutput = "-";
 
 /// The options in `args` (without the program name). A usage error comes back as an Error of
 /// domain "usage" whose description is the one-line message (naming the option at fault).

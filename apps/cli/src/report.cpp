@@ -1,5 +1,6 @@
 #include "report.hpp"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -19,6 +20,63 @@ std::string shortest(Number value)
     return {buffer.data(), result.ptr};
 }
 
+// A written file's name as the human line shows it.
+std::string shownPath(const std::filesystem::path& path)
+{
+    return path == kStandardOutput ? "standard output" : path.string();
+}
+
+// The length of the well-formed UTF-8 sequence at the start of `text` (1 to 4), or 0 when none
+// starts there: a stray continuation byte, an overlong form, a surrogate, a code point above
+// U+10FFFF, a sequence cut short.
+std::size_t sequenceLength(std::string_view text)
+{
+    const auto byte = [&](std::size_t i) {
+        return static_cast<unsigned char>(text[i]);
+    };
+    const unsigned char lead = byte(0);
+    if (lead < 0x80) {
+        return 1;
+    }
+    // The lead byte gives the length and the range of the second byte (the table of well-formed
+    // sequences in the Unicode standard, chapter 3).
+    std::size_t length = 0;
+    unsigned char low = 0x80;
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        low = lead == 0xE0 ? 0xA0 : low;
+        high = lead == 0xED ? 0x9F : high;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        low = lead == 0xF0 ? 0x90 : low;
+        high = lead == 0xF4 ? 0x8F : high;
+    } else {
+        return 0;
+    }
+    if (text.size() < length || byte(1) < low || byte(1) > high) {
+        return 0;
+    }
+    for (std::size_t i = 2; i < length; ++i) {
+        if ((byte(i) & 0xC0U) != 0x80) {
+            return 0;
+        }
+    }
+    return length;
+}
+
+// Whether `text` starts with a C1 control character (U+0080 to U+009F, "C2 80" to "C2 9F"), which
+// some terminals take as the start of an escape sequence.
+bool isC1Control(std::string_view text)
+{
+    return text.size() >= 2 && static_cast<unsigned char>(text[0]) == 0xC2
+           && static_cast<unsigned char>(text[1]) < 0xA0;
+}
+
+constexpr std::string_view kHex = "0123456789abcdef";
+
 std::string modeName(core::ScanMode mode)
 {
     return mode == core::ScanMode::trustedKeyframes ? "trustedKeyframes" : "noKeyframes";
@@ -28,10 +86,27 @@ std::string modeName(core::ScanMode mode)
 
 std::string jsonString(std::string_view text)
 {
-    static constexpr std::string_view kHex = "0123456789abcdef";
     std::string out = "\"";
-    for (const char c : text) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
         const auto byte = static_cast<unsigned char>(c);
+        const std::size_t length = sequenceLength(text.substr(i));
+        if (length == 0) {
+            out += "\\ufffd";
+            continue;
+        }
+        if (length > 1) {
+            // C1 controls (U+0080 to U+009F) are escaped too, so the line is safe on a terminal.
+            if (isC1Control(text.substr(i))) {
+                out += "\\u00";
+                out += kHex[static_cast<unsigned char>(text[i + 1]) >> 4U];
+                out += kHex[static_cast<unsigned char>(text[i + 1]) & 0xFU];
+            } else {
+                out += text.substr(i, length);
+            }
+            i += length - 1;
+            continue;
+        }
         switch (c) {
             case '"':
                 out += "\\\"";
@@ -59,6 +134,30 @@ std::string jsonString(std::string_view text)
         }
     }
     return out + "\"";
+}
+
+std::string terminalText(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t length = sequenceLength(text.substr(i));
+        const auto lead = static_cast<unsigned char>(text[i]);
+        const bool isControl = (length == 1 && (lead < 0x20 || lead == 0x7F))
+                               || (length == 2 && isC1Control(text.substr(i)));
+        if (length != 0 && !isControl) {
+            out += text.substr(i, length);
+            i += length;
+            continue;
+        }
+        for (const std::size_t end = i + std::max<std::size_t>(length, 1); i < end; ++i) {
+            const auto byte = static_cast<unsigned char>(text[i]);
+            out += "\\x";
+            out += kHex[byte >> 4U];
+            out += kHex[byte & 0xFU];
+        }
+    }
+    return out;
 }
 
 std::string jsonLine(const VideoReport& report)
@@ -89,19 +188,19 @@ std::string humanLine(const VideoReport& report)
 {
     const std::string file = report.file.string();
     if (report.error) {
-        return "kestrin-scan: " + file + ": " + report.error->description;
+        return terminalText("kestrin-scan: " + file + ": " + report.error->description);
     }
     std::string line =
         file + ": " + std::to_string(report.cuts.size())
         + (report.cuts.size() == 1 ? " cut" : " cuts")
         + (report.mode == core::ScanMode::trustedKeyframes ? " (keyframes)" : " (decoded)");
     if (report.midi) {
-        line += " -> " + report.midi->string();
+        line += " -> " + shownPath(*report.midi);
     }
     if (report.cutList) {
-        line += (report.midi ? ", " : " -> ") + report.cutList->string();
+        line += (report.midi ? ", " : " -> ") + shownPath(*report.cutList);
     }
-    return line;
+    return terminalText(line);
 }
 
 }  // namespace kestrin::cli

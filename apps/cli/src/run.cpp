@@ -3,8 +3,8 @@
 #include <kestrin/app/export_rules.hpp>
 #include <kestrin/app/marker_plan.hpp>
 #include <kestrin/app/video_info.hpp>
+#include <kestrin/core/safe_file.hpp>
 #include <kestrin/midi/standard_midi_export_service.hpp>
-#include <kestrin/midi/temporary_file.hpp>
 #include <kestrin/scan/scan_error.hpp>
 #include <kestrin/timecode/timecode.hpp>
 
@@ -156,7 +156,9 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
             return report;
         }
         const std::filesystem::path target = options_.output.value_or(defaultMIDIPath(video));
-        if (const core::Status written = midi::writeFileAtomically(target, *bytes); !written) {
+        if (target == kStandardOutput) {
+            report.standardOutput = *bytes;
+        } else if (const core::Status written = core::writeFileSafely(target, *bytes); !written) {
             report.error = written.error();
             return report;
         }
@@ -164,15 +166,84 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
     }
     if (options_.cutList) {
         const std::string text = app::cutListText(*plan, video.filename().string());
-        const std::span bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
-        if (const core::Status written = midi::writeFileAtomically(*options_.cutList, bytes);
-            !written) {
+        if (*options_.cutList == kStandardOutput) {
+            report.standardOutput.assign(text.begin(), text.end());
+        } else if (const core::Status written = core::writeFileSafely(*options_.cutList, text);
+                   !written) {
             report.error = written.error();
             return report;
         }
         report.cutList = options_.cutList;
     }
     return report;
+}
+
+core::Status checkOutputs(const Options& options)
+{
+    using std::filesystem::path;
+    struct Output
+    {
+        std::string what;  // as the messages name it
+        path file;
+        bool isDefault = false;  // beside its video, not named by an option
+        core::WriteTarget target = {};
+    };
+    const auto quoted = [](const path& file) {
+        return "\"" + file.string() + "\"";
+    };
+    const auto usage = [](std::string message) {
+        return core::Error{"usage", 2, std::move(message)};
+    };
+
+    std::vector<std::pair<path, core::FileIdentity>> inputs;
+    std::vector<Output> wanted;
+    for (const path& video : options.videos) {
+        if (const std::optional<core::FileIdentity> identity = core::fileIdentity(video)) {
+            inputs.emplace_back(video, *identity);
+        }
+        if (options.writeMIDI && !options.output) {
+            wanted.push_back({"the MIDI file of " + quoted(video), defaultMIDIPath(video), true});
+        }
+    }
+    if (options.writeMIDI && options.output) {
+        wanted.push_back({"--output", *options.output});
+    }
+    if (options.cutList) {
+        wanted.push_back({"--cut-list", *options.cutList});
+    }
+
+    std::vector<Output> outputs;
+    for (Output& output : wanted) {
+        if (output.file == kStandardOutput) {
+            continue;
+        }
+        core::Expected<core::WriteTarget> target = core::resolveWriteTarget(output.file);
+        if (!target) {
+            if (target.error().domain == "File") {
+                return usage(output.what + ": " + target.error().description);
+            }
+            continue;  // the write says why
+        }
+        output.target = std::move(*target);
+        for (const auto& [video, identity] : inputs) {
+            if (output.target.existing == identity) {
+                return usage(output.what + " " + quoted(output.file) + " is the video "
+                             + quoted(video) + ", which it would overwrite");
+            }
+        }
+        for (const Output& earlier : outputs) {
+            if (earlier.target.path == output.target.path
+                || (output.target.existing && earlier.target.existing == output.target.existing)) {
+                return usage(earlier.what + " and " + output.what + " would both be written to "
+                             + quoted(output.file)
+                             + (earlier.isDefault && output.isDefault
+                                    ? "; scan such videos one at a time with --output"
+                                    : ""));
+            }
+        }
+        outputs.push_back(std::move(output));
+    }
+    return {};
 }
 
 }  // namespace kestrin::cli

@@ -37,8 +37,12 @@ struct VideoReport
     float nominalFPS = 0;
     bool dropFrame = false;
     std::vector<CutReport> cuts;
-    std::optional<std::filesystem::path> midi;     ///< the MIDI file written
-    std::optional<std::filesystem::path> cutList;  ///< the cut list written
+    /// The MIDI file written; kStandardOutput when its bytes are in `standardOutput`.
+    std::optional<std::filesystem::path> midi;
+    /// The cut list written; kStandardOutput when its text is in `standardOutput`.
+    std::optional<std::filesystem::path> cutList;
+    /// What -o - or --cut-list - sends to standard output, for the caller to write.
+    std::vector<std::uint8_t> standardOutput;
 };
 
 /// Lets another thread stop the run: stops the scan in progress and every later one.
@@ -75,9 +79,10 @@ public:
                 core::Log log,
                 Interruption& interruption);
 
-    /// Scans `video` and, unless the options say otherwise, writes its MIDI file atomically
-    /// (none when no cut was found), then the cut list when asked (also without cuts); nothing
-    /// when the scan fails or is interrupted.
+    /// Scans `video` and, unless the options say otherwise, writes its MIDI file with
+    /// core::writeFileSafely (none when no cut was found), then the cut list when asked (also
+    /// without cuts); nothing when the scan fails or is interrupted. What goes to standard output
+    /// is left in the report's `standardOutput`.
     [[nodiscard]] VideoReport run(const std::filesystem::path& video,
                                   const Progress& progress = {}) const;
 
@@ -90,5 +95,12 @@ private:
 
 /// Where the MIDI file of `video` goes by default: `<name>_Markers.mid` beside it.
 [[nodiscard]] std::filesystem::path defaultMIDIPath(const std::filesystem::path& video);
+
+/// Checks, before any scan, the files the run would write (core::resolveWriteTarget): fails with
+/// a usage error (domain "usage", code 2) when one is, or leads to, one of the videos (the same
+/// file, through links and hard links too), when two writes would land on the same file (two
+/// videos with one default name, --cut-list the MIDI file), or when one is a directory or a
+/// special file. What only the write can tell (a missing directory, no permission) is left to it.
+[[nodiscard]] core::Status checkOutputs(const Options& options);
 
 }  // namespace kestrin::cli

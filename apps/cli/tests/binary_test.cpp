@@ -8,11 +8,13 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -29,9 +31,11 @@ struct Outcome
     std::string err;
 };
 
-// Runs kestrin-scan with `args`; `onError` sees the standard error read so far, with the pid.
+// Runs kestrin-scan with `args`; `onError` sees the standard error read so far, with the pid;
+// `inChild` runs in the child before the tool starts (to change its directory or its output).
 Outcome scan(const std::vector<std::string>& args,
-             const std::function<void(pid_t, const std::string&)>& onError = {})
+             const std::function<void(pid_t, const std::string&)>& onError = {},
+             const std::function<void()>& inChild = {})
 {
     std::vector<char*> argv = {const_cast<char*>(KESTRIN_SCAN_BINARY)};
     for (const std::string& arg : args) {
@@ -49,6 +53,9 @@ Outcome scan(const std::vector<std::string>& args,
         dup2(err[1], STDERR_FILENO);
         close(out[0]);
         close(err[0]);
+        if (inChild) {
+            inChild();
+        }
         execv(argv[0], argv.data());
         _exit(127);
     }
@@ -183,6 +190,12 @@ TEST_F(CliBinary, WorkedExampleMatchesTheGoldenFile)
               0);
     EXPECT_EQ(contents(plain), contents(KESTRIN_GOLDEN_DATA "/worked_example_25fps.mid"));
 
+    // To standard output, a pipe here, with the report on standard error.
+    const Outcome piped = scan({"--video-start", "1000", "-o", "-", video});
+    ASSERT_EQ(piped.status, 0) << piped.err;
+    EXPECT_EQ(piped.out, contents(KESTRIN_GOLDEN_DATA "/worked_example_25fps_workstation.mid"));
+    EXPECT_TRUE(piped.err.ends_with(") -> standard output\n")) << piped.err;
+
     // A text per cut: the cut's number and its timecode (10 s + 100 frames).
     const fs::path named = dir_ / "named.mid";
     ASSERT_EQ(scan({"-q",
@@ -250,19 +263,153 @@ TEST_F(CliBinary, BadInputsFailAloneAndLeaveNoFile)
     std::erase(written, fs::path("fifo.mp4"));
     EXPECT_EQ(written, std::vector<fs::path>{"h264-cuts_Markers.mid"});
 
+    // A name that is not UTF-8 and holds an escape sequence: valid JSON, a harmless line.
+    const std::string odd = (dir_ / "\xff\x1b[2J.mp4").string();
+    const Outcome json = scan({"--json", odd});
+    EXPECT_NE(json.out.find(R"(\ufffd\u001b[2J.mp4","error":)"), std::string::npos) << json.out;
+    const Outcome human = scan({odd});
+    EXPECT_NE(human.err.find(R"(\xff\x1b[2J.mp4: )"), std::string::npos) << human.err;
+
     // An output that cannot be written is a failure of that video, with no file left.
     const Outcome unwritable = scan({"-o", (dir_ / "no-dir" / "x.mid").string(), args[2]});
     EXPECT_EQ(unwritable.status, 1);
     EXPECT_EQ(lines(unwritable.err).size(), 1U) << unwritable.err;
 }
 
+// What the folder holds, links not followed: regular files by their first four bytes.
+std::map<std::string, std::string> listing(const fs::path& dir)
+{
+    std::map<std::string, std::string> entries;
+    for (const fs::directory_entry& entry : fs::directory_iterator(dir)) {
+        const fs::file_status status = entry.symlink_status();
+        entries[entry.path().filename().string()] =
+            fs::is_symlink(status)        ? "link->" + fs::read_symlink(entry.path()).string()
+            : fs::is_regular_file(status) ? "file:" + contents(entry.path()).substr(0, 4)
+            : fs::is_directory(status)    ? "dir"
+                                          : "special";
+    }
+    return entries;
+}
+
+// Outputs the tool refuses before it scans (status 2, nothing written) and two it writes safely.
+TEST_F(CliBinary, OutputTargets)
+{
+    const std::string midi = "file:MThd";
+    const auto link = [](const char* target, const char* name) {
+        return [=](const fs::path& dir) {
+            fs::create_symlink(target, dir / name);
+        };
+    };
+    struct Row
+    {
+        const char* what;
+        std::function<void(const fs::path&)> setUp;
+        std::vector<std::string> args;
+        std::string mentions;  ///< in standard error; empty when the run succeeds
+        std::map<std::string, std::string> changes = {};  ///< in listing() after a success
+    };
+    const Row rows[] = {
+        {"the video itself", {}, {"-o", "clip.mp4", "clip.mp4"}, "is the video \"clip.mp4\""},
+        {"a link to the video",
+         link("clip.mp4", "out.mid"),
+         {"-o", "out.mid", "clip.mp4"},
+         "is the video"},
+        {"a hard link to the video",
+         [](const fs::path& dir) { fs::create_hard_link(dir / "clip.mp4", dir / "cuts.tsv"); },
+         {"--no-midi", "--cut-list", "cuts.tsv", "clip.mp4"},
+         "--cut-list \"cuts.tsv\" is the video"},
+        {"two videos with one default output",
+         [](const fs::path& dir) { fs::copy_file(dir / "clip.mp4", dir / "clip.mkv"); },
+         {"clip.mp4", "clip.mkv"},
+         "would both be written to \"clip_Markers.mid\""},
+        {"one video twice", {}, {"clip.mp4", "./clip.mp4"}, "would both be written to"},
+        {"the cut list on the MIDI file",
+         {},
+         {"--cut-list", "clip_Markers.mid", "clip.mp4"},
+         "would both be written to"},
+        {"a directory",
+         [](const fs::path& dir) { fs::create_directory(dir / "clip_Markers.mid"); },
+         {"clip.mp4"},
+         "it is a directory"},
+        {"a FIFO",
+         [](const fs::path& dir) { mkfifo((dir / "out.mid").c_str(), 0644); },
+         {"-o", "out.mid", "clip.mp4"},
+         "it is a FIFO"},
+        {"a side file planted as a link",
+         [](const fs::path& dir) {
+             std::ofstream(dir / "victim") << "keep";
+             fs::create_symlink("victim", dir / "clip_Markers.mid.part");
+         },
+         {"-q", "clip.mp4"},
+         "",
+         {{"clip_Markers.mid", midi}}},
+        {"a link to a file",
+         [](const fs::path& dir) {
+             std::ofstream(dir / "victim") << "old";
+             fs::create_symlink("victim", dir / "out.mid");
+         },
+         {"-q", "-o", "out.mid", "clip.mp4"},
+         "",
+         {{"victim", midi}}},
+    };
+    const std::string source = clip("h264-cuts.mp4");
+    int index = 0;
+    for (const Row& row : rows) {
+        const fs::path dir = dir_ / std::to_string(index++);
+        fs::create_directory(dir);
+        fs::copy_file(source, dir / "clip.mp4");
+        if (row.setUp) {
+            row.setUp(dir);
+        }
+        // Held open so that a tool that wrongly opened the FIFO would not block.
+        const int fifoReader = open((dir / "out.mid").c_str(), O_RDONLY | O_NONBLOCK);
+        std::map<std::string, std::string> expected = listing(dir);
+        const Outcome run = scan(row.args, {}, [&] {
+            if (chdir(dir.c_str()) != 0) {
+                _exit(126);
+            }
+        });
+        if (fifoReader >= 0) {
+            close(fifoReader);
+        }
+        EXPECT_EQ(run.status, row.mentions.empty() ? 0 : 2) << row.what << "\n" << run.err;
+        EXPECT_NE(run.err.find(row.mentions), std::string::npos) << row.what << "\n" << run.err;
+        EXPECT_TRUE(run.out.empty()) << row.what;
+        for (const auto& [name, entry] : row.changes) {
+            expected[name] = entry;
+        }
+        EXPECT_EQ(listing(dir), expected) << row.what;
+    }
+}
+
+// A failed write to standard output is a failure of its own, whatever was to go there.
+TEST_F(CliBinary, FailedWritesToStandardOutputExitWithThree)
+{
+    const std::string video = clip("h264-cuts.mp4");
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"--json", "--no-midi", video}, {"-q", "-o", "-", video}, {"--help"}}) {
+        const Outcome run = scan(args, {}, [] {
+            const int full = open("/dev/full", O_WRONLY);
+            dup2(full, STDOUT_FILENO);
+        });
+        EXPECT_EQ(run.status, 3) << args.front() << "\n" << run.err;
+        EXPECT_NE(run.err.find("could not write to standard output: No space left on device"),
+                  std::string::npos)
+            << run.err;
+    }
+}
+
 TEST_F(CliBinary, UsageErrorsExitWithTwo)
 {
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {}, {"--frobnicate", "a.mp4"}, {"--video-start", "25:00:00:00", "a.mp4"}}) {
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{},
+                                               {"--frobnicate", "a.mp4"},
+                                               {"--video-start", "25:00:00:00", "a.mp4"},
+                                               {"--video-start", "\x1b]2;owned\x07", "a.mp4"}}) {
         const Outcome run = scan(args);
         EXPECT_EQ(run.status, 2);
         EXPECT_NE(run.err.find("--help"), std::string::npos) << run.err;
+        EXPECT_EQ(run.err.find('\x1b'), std::string::npos) << "an escape reached the terminal";
         EXPECT_TRUE(run.out.empty());
     }
     EXPECT_TRUE(scan({"--version"}).out.starts_with("kestrin-scan "));

@@ -132,6 +132,8 @@ core::Error exportError(ExportError error)
             return {"ExportError", 0, "There are no markers to export."};
         case ExportError::invalidTimecode:
             break;
+        case ExportError::videoStartBeforeSessionStart:
+            return {"ExportError", 2, "Video Start is before Session Start."};
     }
     return {"ExportError", 1, "Invalid timecode. Please check Session Start and Video Start."};
 }

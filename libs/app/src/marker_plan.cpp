@@ -42,6 +42,11 @@ core::Expected<MarkerPlan> planMarkerExport(const MarkerExport& request)
     if (!session || !video) {
         return exportError(ExportError::invalidTimecode);
     }
+    // Placing such a video at the session's start instead would put every marker early by the
+    // difference, without a word.
+    if (*video < *session) {
+        return exportError(ExportError::videoStartBeforeSessionStart);
+    }
     const auto textOf = [&](std::int64_t frame) {
         return timecode::timecodeTextForFrame(frame, base, counting).value_or("");
     };
@@ -51,7 +56,7 @@ core::Expected<MarkerPlan> planMarkerExport(const MarkerExport& request)
     plan.isDropFrame = isDropFrame;
     plan.sessionStart = textOf(*session);
     plan.videoStart = textOf(*video);
-    plan.videoStartFrame = std::max<std::int64_t>(*video - *session, 0);
+    plan.videoStartFrame = *video - *session;
 
     std::vector<std::pair<std::int64_t, double>> frames;
     frames.reserve(request.markers.size());

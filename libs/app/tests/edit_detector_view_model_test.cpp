@@ -579,7 +579,6 @@ TEST_F(ViewModelTest, MakeMIDIDataHandsTheExporterDeltasOffsetAndRateCode)
     const Row rows[] = {
         {25.0F, {}, "01000000", "01000000", 11, 0, "12 18"},
         {25.0F, {}, "01000000", "01000100", 11, 25, "12 18"},
-        {25.0F, {}, "01000100", "01000000", 11, 0, "12 18"},  // before the session: clamped
         {29.97F, {}, "0", "00010002", 9, 1800, "14 22"},
         {59.94F, false, "0", "100", 3, 60, "29 43"},
     };
@@ -605,6 +604,9 @@ TEST_F(ViewModelTest, MakeMIDIDataHandsTheExporterDeltasOffsetAndRateCode)
     EXPECT_TRUE(model_->makeMIDIData().hasValue());
     EXPECT_TRUE(lastCall->ends_with("'VIDEO START' ' ' ' '")) << *lastCall;
 
+    model_->setSessionStartDigits("01000100");
+    model_->setVideoStartDigits("01000000");
+    EXPECT_EQ(model_->makeMIDIData().error().description, "Video Start is before Session Start.");
     model_->setSessionStartDigits("99999999");
     EXPECT_EQ(model_->makeMIDIData().error().description,
               "Invalid timecode. Please check Session Start and Video Start.");

@@ -1,3 +1,4 @@
+#include <kestrin/core/safe_file.hpp>
 #include <kestrin/midi/marker_ticks.hpp>
 #include <kestrin/midi/standard_midi_export_service.hpp>
 #include <kestrin/midi/temporary_file.hpp>
@@ -95,7 +96,7 @@ core::Expected<std::vector<std::uint8_t>> StandardMIDIExportService::roundTrip(
     }
     const std::filesystem::path path = *directory / (*name + ".mid");
 
-    if (core::Status written = writeFileAtomically(path, file); !written) {
+    if (core::Status written = core::writeFileSafely(path, file); !written) {
         return written.error();
     }
     core::Expected<std::vector<std::uint8_t>> readBack = readWholeFile(path);

@@ -94,51 +94,6 @@ core::Expected<std::string> randomUUIDText()
     return uuidText(bytes);
 }
 
-core::Status writeFileAtomically(const std::filesystem::path& path,
-                                 std::span<const std::uint8_t> bytes)
-{
-    std::filesystem::path sidePath = path;
-    sidePath += ".part";
-
-    FileDescriptor file(::open(sidePath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-    if (file.get() < 0) {
-        const int error = errno;
-        return posixError(error, "Could not create the file " + quoted(sidePath));
-    }
-    // From here on the side file exists: every failure removes it before returning. Callers
-    // take errno first, as building the description may allocate and so change it.
-    const auto fail = [&sidePath](int errorNumber, const std::string& what) {
-        ::unlink(sidePath.c_str());
-        return core::Status(posixError(errorNumber, what));
-    };
-
-    std::size_t written = 0;
-    while (written < bytes.size()) {
-        const ssize_t count = ::write(file.get(), bytes.data() + written, bytes.size() - written);
-        if (count < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            const int error = errno;
-            return fail(error, "Could not write the file " + quoted(sidePath));
-        }
-        written += static_cast<std::size_t>(count);
-    }
-    if (::fsync(file.get()) != 0) {
-        const int error = errno;
-        return fail(error, "Could not flush the file " + quoted(sidePath));
-    }
-    if (file.close() != 0) {
-        const int error = errno;
-        return fail(error, "Could not close the file " + quoted(sidePath));
-    }
-    if (::rename(sidePath.c_str(), path.c_str()) != 0) {
-        const int error = errno;
-        return fail(error, "Could not rename the file " + quoted(sidePath) + " to " + quoted(path));
-    }
-    return {};
-}
-
 core::Expected<std::vector<std::uint8_t>> readWholeFile(const std::filesystem::path& path)
 {
     FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));

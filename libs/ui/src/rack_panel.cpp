@@ -1,6 +1,7 @@
 #include "drop_shadow.hpp"
 #include "rack_layout.hpp"
 
+#include <kestrin/core/safe_file.hpp>
 #include <kestrin/ui/art.hpp>
 #include <kestrin/ui/rack_panel.hpp>
 #include <kestrin/ui/timecode_key_loop.hpp>
@@ -9,7 +10,6 @@
 #include <QFileDialog>
 #include <QMessageBox>
 #include <QPainter>
-#include <QSaveFile>
 
 #include <array>
 #include <cmath>
@@ -416,15 +416,10 @@ void RackPanel::exportMIDI()
 
 void RackPanel::saveMIDI(const std::filesystem::path& destination)
 {
-    // QSaveFile writes beside the destination and renames over it on commit: a failure anywhere
-    // leaves the destination as it was.
-    const std::vector<std::uint8_t>& bytes = midiDoc_->data;
-    const auto size = static_cast<qint64>(bytes.size());
-    QSaveFile file(toQString(destination));
-    if (!file.open(QIODevice::WriteOnly)
-        || file.write(reinterpret_cast<const char*>(bytes.data()), size) != size
-        || !file.commit()) {
-        model_->setErrorMessage(file.errorString().toStdString());
+    // The command-line tool's writer, so both follow one set of rules: the file is replaced whole
+    // or not at all, links are written through, directories and special files are refused.
+    if (const core::Status written = core::writeFileSafely(destination, midiDoc_->data); !written) {
+        model_->setErrorMessage(written.error().description);
     }
 }
 

@@ -17,6 +17,10 @@
 #include <limits>
 #include <tuple>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace kestrin::ui {
 namespace {
 
@@ -176,13 +180,48 @@ TEST_F(PanelOnClips, ScansAndExportsWhatTheCommandLineToolWrites)
     ASSERT_TRUE(panel_.midiDocument().has_value());
     EXPECT_EQ(panel_.midiDocument()->data, readFile(expected));
 
-    // A folder that does not exist: the write fails and says why.
-    destination_ = scratch.filePath(u"missing/panel.mid"_s).toStdString();
+    // The command-line tool's writer: through a link (here a dangling one, to the file removed
+    // meanwhile), never onto a folder or a FIFO, and a failure says why.
+    const std::filesystem::path dir = saved.parent_path();
+    std::filesystem::remove(saved);
+    std::filesystem::create_symlink("panel.mid", dir / "link.mid");
+    std::filesystem::create_directory(dir / "folder.mid");
+    ASSERT_EQ(::mkfifo((dir / "fifo.mid").c_str(), 0644), 0);
+    // Held open so that a writer that wrongly opened the FIFO would not block.
+    const int fifoReader = ::open((dir / "fifo.mid").c_str(), O_RDONLY | O_NONBLOCK);
+    const std::pair<const char*, QString> rows[] = {
+        {"link.mid", u""_s},
+        {"folder.mid", u"it is a directory"_s},
+        {"fifo.mid", u"it is a FIFO, not a regular file"_s},
+        {"missing/panel.mid", u"No such file or directory"_s},
+    };
+    for (const auto& [name, alert] : rows) {
+        destination_ = dir / name;
+        click(RackButtonId::exportMIDI);
+        if (alert.isEmpty()) {
+            EXPECT_EQ(panel_.errorAlert(), nullptr) << name;
+            continue;
+        }
+        ASSERT_NE(panel_.errorAlert(), nullptr) << name;
+        EXPECT_TRUE(panel_.errorAlert()->text().contains(alert))
+            << panel_.errorAlert()->text().toStdString();
+        panel_.errorAlert()->button(QMessageBox::Ok)->click();
+        EXPECT_EQ(model().errorMessage(), std::nullopt);
+    }
+    ::close(fifoReader);
+    EXPECT_TRUE(std::filesystem::is_symlink(dir / "link.mid"));
+    EXPECT_EQ(readFile(saved), readFile(expected));
+    EXPECT_TRUE(std::filesystem::is_fifo(dir / "fifo.mid"));
+
+    // No marker is placed before the session's start, where the file has no place for it.
+    model().setSessionStartDigits("01000001");
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return panel_.button(RackButtonId::exportMIDI)->isEnabled(); }, kTimeoutMs));
     click(RackButtonId::exportMIDI);
     ASSERT_NE(panel_.errorAlert(), nullptr);
-    EXPECT_FALSE(panel_.errorAlert()->text().isEmpty());
+    EXPECT_EQ(panel_.errorAlert()->text(), u"Video Start is before Session Start."_s);
     panel_.errorAlert()->button(QMessageBox::Ok)->click();
-    EXPECT_EQ(model().errorMessage(), std::nullopt);
+    model().setSessionStartDigits("00595800");
 
     // Export before the view model has judged a just-typed timecode (99 frames) invalid.
     QTest::keyClicks(panel_.sessionStartField(), u"99"_s);

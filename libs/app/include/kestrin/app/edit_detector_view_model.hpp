@@ -171,11 +171,13 @@ public:
     void cancelScan();
 
     /// The bytes of a Standard MIDI File with a "VIDEO START" marker at the offset of Video Start
-    /// from Session Start (clamped at 0) and a marker per edit named by markerName (see
-    /// app::makeMIDIData). Fails with
+    /// from Session Start and a marker per edit named by markerName (see app::makeMIDIData).
+    /// Fails with
     /// exportError(ExportError::noMarkers) without markers,
     /// exportError(ExportError::invalidTimecode) when either timecode has no frame count at the
-    /// rate in force, or the exporter's error.
+    /// rate in force,
+    /// exportError(ExportError::videoStartBeforeSessionStart) when Video Start comes before
+    /// Session Start, or the exporter's error.
     [[nodiscard]] core::Expected<std::vector<std::uint8_t>> makeMIDIData();
 
     /// effectiveDropFrame(nominalFPS()).

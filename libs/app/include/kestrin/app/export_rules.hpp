@@ -59,11 +59,11 @@ struct DropFrameSources
 [[nodiscard]] midi::MIDIFrameRate exportRateCode(float nominalFPS, const DropFrameSources& sources);
 
 /// Why markers cannot be exported.
-enum class ExportError : std::uint8_t { noMarkers, invalidTimecode };
+enum class ExportError : std::uint8_t { noMarkers, invalidTimecode, videoStartBeforeSessionStart };
 
 /// The error value of `error`: domain "ExportError", its case as the code, its fixed text
 /// ("There are no markers to export.", "Invalid timecode. Please check Session Start and Video
-/// Start.").
+/// Start.", "Video Start is before Session Start.").
 [[nodiscard]] core::Error exportError(ExportError error);
 
 /// The text of cut markers unless the user chooses another: "Cut 1", "Cut 2", ... Workstations
@@ -90,8 +90,10 @@ struct MarkerExport
     std::string_view markerName = kDefaultMarkerName;
 };
 
-/// The bytes of the marker file: fails with noMarkers when there are no markers and with
-/// invalidTimecode when a timecode has no frame count; otherwise the exporter's named export of
+/// The bytes of the marker file: fails with noMarkers when there are no markers, with
+/// invalidTimecode when a timecode has no frame count and with videoStartBeforeSessionStart when
+/// the video would start before the session (the file has no place before its time zero);
+/// otherwise the exporter's named export of
 /// planMarkerExport's cuts (its own errors passed on): "VIDEO START" where the video is placed,
 /// then one marker per planned cut.
 [[nodiscard]] core::Expected<std::vector<std::uint8_t>> makeMIDIData(

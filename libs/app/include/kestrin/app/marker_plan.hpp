@@ -36,8 +36,7 @@ struct MarkerPlan
     /// The two timecodes as texts (HH:MM:SS:FF, ";" before the frames under drop-frame).
     std::string sessionStart;
     std::string videoStart;
-    /// Frames from Session Start to where the video is placed: Video Start, or Session Start
-    /// itself when the video would start before the session.
+    /// Frames from Session Start to Video Start, where the video is placed: 0 or more.
     std::int64_t videoStartFrame = 0;
     /// The markers the file holds after "VIDEO START", in order: one per distinct frame above 0.
     std::vector<PlannedCut> cuts;
@@ -47,7 +46,8 @@ struct MarkerPlan
 /// 0 (as frameDeltas keeps them), each named by `request.markerName` with markerText, numbered
 /// from 1, at the timecode of its place on the session timeline (Session Start + videoStartFrame
 /// + frame). No markers give a plan without cuts. Fails with exportError(invalidTimecode) when
-/// either timecode has no frame count at the rate.
+/// either timecode has no frame count at the rate, and with
+/// exportError(videoStartBeforeSessionStart) when Video Start comes before Session Start.
 [[nodiscard]] core::Expected<MarkerPlan> planMarkerExport(const MarkerExport& request);
 
 /// The first line of every cut list; the number is the version of the format.

@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -23,13 +22,6 @@ namespace kestrin::midi {
 /// A new random version 4 UUID as uuidText gives it, drawn from the kernel's random source. Fails
 /// only when that source fails.
 [[nodiscard]] core::Expected<std::string> randomUUIDText();
-
-/// Writes `bytes` to `path` so that a reader sees either no file or the whole of it: the bytes go
-/// to a side file in the same directory (`path` with ".part" appended), which is flushed to disk
-/// and then renamed over `path`, replacing any file there. On failure the side file is removed
-/// and `path` is unchanged.
-[[nodiscard]] core::Status writeFileAtomically(const std::filesystem::path& path,
-                                               std::span<const std::uint8_t> bytes);
 
 /// The whole contents of the regular file at `path`.
 [[nodiscard]] core::Expected<std::vector<std::uint8_t>> readWholeFile(

@@ -69,7 +69,8 @@ struct RackDialogs
 /// A change of selectedURL to a video loads its information (so a video chosen in the dialog is
 /// loaded twice, with the same result). Whenever errorMessage is present an "Error" alert shows
 /// it with one "OK" button; closing the alert in any way clears errorMessage. Export failures, and
-/// failures to write the chosen file, end there; the file is written whole or not at all.
+/// failures to write the chosen file, end there. The file is written by core::writeFileSafely:
+/// whole or not at all, through links; a directory or a special file is refused.
 ///
 /// Interface thread only. Destroying the panel destroys the view model, which stops its scan.
 class RackPanel : public QWidget
