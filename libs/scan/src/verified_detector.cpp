@@ -16,6 +16,13 @@ namespace {
 
 using Markers = std::vector<core::EditMarker>;
 
+// Whether two markers lie on one frame. (std::unique with this rather than std::ranges::unique,
+// whose result clang up to 15 cannot compile against the standard library of GCC 12.)
+bool sameFrame(const core::EditMarker& a, const core::EditMarker& b)
+{
+    return a.frameIndex == b.frameIndex;
+}
+
 // How a decoding loop names its failures: the whole-track pass and the short windows have their
 // own errors for a reader that does not start or fails part-way.
 struct ReadErrors
@@ -302,8 +309,8 @@ core::Expected<std::vector<core::EditMarker>> syncWindowStep(const DetectionCont
     }
     candidates.insert(candidates.end(), away->begin(), away->end());
     std::ranges::sort(candidates, {}, &core::EditMarker::frameIndex);
-    const auto [first, end] = std::ranges::unique(candidates, {}, &core::EditMarker::frameIndex);
-    candidates.erase(first, end);
+    candidates.erase(std::unique(candidates.begin(), candidates.end(), sameFrame),
+                     candidates.end());
     return candidates;
 }
 
@@ -340,8 +347,7 @@ core::Expected<std::vector<core::EditMarker>> verifyCuts(const DetectionContext&
         context.reportProgress(static_cast<double>(i + 1) / static_cast<double>(candidates.size()));
     }
     std::ranges::sort(cuts, {}, &core::EditMarker::frameIndex);
-    const auto [first, last] = std::ranges::unique(cuts, {}, &core::EditMarker::frameIndex);
-    cuts.erase(first, last);
+    cuts.erase(std::unique(cuts.begin(), cuts.end(), sameFrame), cuts.end());
     std::string line = "verifyCuts: kept " + std::to_string(cuts.size()) + " of "
                        + std::to_string(candidates.size()) + " candidates (";
     for (const auto& [reason, count] : rejected) {

@@ -380,9 +380,12 @@ std::optional<std::string> timecodeTextForFrame(std::int64_t frame, int fps, Fra
         const std::int64_t dropped = droppedPerMinute(base);
         const std::int64_t perBlock = 600 * perSecond - 9 * dropped;
         const std::int64_t perShortMinute = 60 * perSecond - dropped;
-        const std::int64_t blocks = frame / perBlock;
-        const std::int64_t within = frame % perBlock;
-        label = frame + 9 * dropped * blocks;
+        // Hours wrap after 23, so only the frame's place in its day (144 blocks) matters; taking
+        // it first keeps the label within 64 bits for frames near the largest value.
+        const std::int64_t frameOfDay = frame % (144 * perBlock);
+        const std::int64_t blocks = frameOfDay / perBlock;
+        const std::int64_t within = frameOfDay % perBlock;
+        label = frameOfDay + 9 * dropped * blocks;
         if (within >= dropped) {
             label += dropped * ((within - dropped) / perShortMinute);
         }
