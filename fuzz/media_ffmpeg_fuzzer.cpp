@@ -106,6 +106,10 @@ public:
     {
         return track_.minFrameDuration();
     }
+    [[nodiscard]] std::optional<core::MediaTime> declaredDuration() const override
+    {
+        return track_.declaredDuration();
+    }
     [[nodiscard]] core::Expected<std::vector<media::FormatDescription>> formatDescriptions()
         const override
     {

@@ -19,8 +19,15 @@ namespace {
 // keyframes put the scan in.
 TEST(VerifiedDetectionOnClips, EveryCutAtItsFrameInBothModes)
 {
-    const std::vector<std::string> unreadable = {
-        "truncated.mp4", "no-moov.mp4", "random.bin", "empty.mp4", "audio.m4a", "audio.wav"};
+    const std::vector<std::string> unreadable = {"truncated.mp4",
+                                                 "truncated-start.mp4",
+                                                 "truncated.mkv",
+                                                 "damaged.mkv",
+                                                 "no-moov.mp4",
+                                                 "random.bin",
+                                                 "empty.mp4",
+                                                 "audio.m4a",
+                                                 "audio.wav"};
     const VideoScanService service(std::make_shared<media_ffmpeg::FFmpegAssetOpener>(),
                                    core::Log::discard());
     std::ifstream manifest(media_ffmpeg::testing::clipPath("cuts.txt"));
@@ -40,6 +47,10 @@ TEST(VerifiedDetectionOnClips, EveryCutAtItsFrameInBothModes)
         }
         const auto markers = scan.handle.waitForResult();
         ASSERT_TRUE(markers) << markers.error().description;
+        // An intact file reads whole: no damage, nothing missing before its declared end.
+        const ReadDamage damage = scan.handle.damage();
+        EXPECT_TRUE(damage.isClean()) << damage.damagedFrames << " damaged, covered until "
+                                      << damage.coveredUntil.value_or(core::MediaTime()).seconds();
         std::vector<std::int64_t> frames;
         for (const core::EditMarker& marker : *markers) {
             frames.push_back(marker.frameIndex);
@@ -77,10 +88,12 @@ TEST(VerifiedDetectionOnClips, EveryCellOfThePlacementMatrix)
             cuts.push_back(std::stoll(cut));
         }
         SCOPED_TRACE(clip);
-        const auto markers =
-            service.scanForEdits(media_ffmpeg::testing::clipPath("placement") / clip)
-                .handle.waitForResult();
+        const Scan scan = service.scanForEdits(media_ffmpeg::testing::clipPath("placement") / clip);
+        const auto markers = scan.handle.waitForResult();
         ASSERT_TRUE(markers) << markers.error().description;
+        const ReadDamage damage = scan.handle.damage();
+        EXPECT_TRUE(damage.isClean()) << damage.damagedFrames << " damaged, covered until "
+                                      << damage.coveredUntil.value_or(core::MediaTime()).seconds();
         std::vector<std::int64_t> frames;
         for (const core::EditMarker& marker : *markers) {
             frames.push_back(marker.frameIndex);

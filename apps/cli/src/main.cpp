@@ -69,6 +69,9 @@ private:
 // The exit status when standard output could not be written: what the run printed, or sent
 // there with -o - or --cut-list -, is incomplete.
 constexpr int kOutputFailedStatus = 3;
+// The exit status when every video was scanned but some could not be read whole: their cuts
+// (and marker files) may be incomplete.
+constexpr int kDamagedStatus = 4;
 
 // Writes all of `text` to standard output, unbuffered; on failure says why on standard error.
 bool writeOut(std::string_view text)
@@ -100,6 +103,7 @@ int run(const cli::Options& options, cli::Interruption& interruption)
     ProgressBar bar(!options.quiet && isatty(STDERR_FILENO) == 1);
 
     bool anyFailed = false;
+    bool anyDamaged = false;
     for (const std::filesystem::path& video : options.videos) {
         if (interruption.interrupted()) {
             break;
@@ -112,6 +116,10 @@ int run(const cli::Options& options, cli::Interruption& interruption)
             break;
         }
         anyFailed = anyFailed || report.error.has_value();
+        if (const std::string warning = cli::warningLine(report); !warning.empty()) {
+            anyDamaged = true;
+            std::cerr << warning << std::endl;
+        }
         const std::string_view data(reinterpret_cast<const char*>(report.standardOutput.data()),
                                     report.standardOutput.size());
         if (!writeOut(data)) {
@@ -136,7 +144,10 @@ int run(const cli::Options& options, cli::Interruption& interruption)
         std::cerr << "kestrin-scan: interrupted" << std::endl;
         return 130;
     }
-    return anyFailed ? 1 : 0;
+    if (anyFailed) {
+        return 1;
+    }
+    return anyDamaged ? kDamagedStatus : 0;
 }
 
 }  // namespace

@@ -297,6 +297,10 @@ are the same file, and an output that is a directory, a device, a FIFO or a sock
 
 Exit status: 0 when every video succeeded, 1 when any failed, 2 on a usage error,
 3 when standard output could not be written (what it should hold is incomplete),
+4 when every video was scanned but some could not be read whole (damaged frames,
+or the file ends before the duration it declares): a warning on standard error
+names the file, the stretch read and the damaged frames, "--json" adds them under
+"warnings", and the cuts and files written are those of what could be read;
 130 when interrupted.
 )";
 }

@@ -181,7 +181,50 @@ std::string jsonLine(const VideoReport& report)
     line += report.midi ? jsonString(report.midi->string()) : "null";
     line += ",\"cutList\":";
     line += report.cutList ? jsonString(report.cutList->string()) : "null";
-    return line + "}";
+    line += ",\"warnings\":[";
+    if (report.damage) {
+        const DamageReport& damage = *report.damage;
+        line += "{\"message\":" + jsonString(damageText(report))
+                + ",\"damagedFrames\":" + std::to_string(damage.damagedFrames) + ",\"cutShort\":"
+                + (damage.isCutShort ? "true" : "false") + ",\"covered\":{\"from\":"
+                + jsonString(damage.coveredFrom) + ",\"until\":" + jsonString(damage.coveredUntil)
+                + ",\"seconds\":" + shortest(damage.coveredSeconds) + "},\"declared\":";
+        line += damage.declaredUntil
+                    ? "{\"until\":" + jsonString(*damage.declaredUntil)
+                          + ",\"seconds\":" + shortest(damage.declaredSeconds.value_or(0.0)) + "}"
+                    : "null";
+        line += "}";
+    }
+    return line + "]}";
+}
+
+std::string damageText(const VideoReport& report)
+{
+    if (report.error || !report.damage) {
+        return "";
+    }
+    const DamageReport& damage = *report.damage;
+    std::string text;
+    if (damage.isCutShort) {
+        text = "only " + damage.coveredFrom + "-" + damage.coveredUntil;
+        if (damage.declaredUntil) {
+            text += " of " + damage.coveredFrom + "-" + *damage.declaredUntil;
+        }
+        text += " could be read";
+    }
+    if (damage.damagedFrames > 0) {
+        text += (text.empty() ? "" : ", ") + std::to_string(damage.damagedFrames)
+                + (damage.damagedFrames == 1 ? " damaged frame" : " damaged frames");
+    }
+    return text + "; cuts may be missing";
+}
+
+std::string warningLine(const VideoReport& report)
+{
+    const std::string text = damageText(report);
+    return text.empty()
+               ? ""
+               : terminalText("kestrin-scan: warning: " + report.file.string() + ": " + text);
 }
 
 std::string humanLine(const VideoReport& report)

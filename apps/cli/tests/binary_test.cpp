@@ -131,7 +131,8 @@ protected:
 
     std::string clip(const std::string& name) const
     {
-        fs::copy_file(fs::path(KESTRIN_CLIPS_DIR) / name, dir_ / name);
+        fs::copy_file(
+            fs::path(KESTRIN_CLIPS_DIR) / name, dir_ / name, fs::copy_options::overwrite_existing);
         return (dir_ / name).string();
     }
 
@@ -220,7 +221,8 @@ TEST_F(CliBinary, JsonListsTheCuts)
     EXPECT_NE(run.out.find(R"("mode":"trustedKeyframes","nominalFPS":25,"dropFrame":false)"),
               std::string::npos)
         << run.out;
-    EXPECT_NE(run.out.find(R"("midi":null,"cutList":null})"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find(R"("midi":null,"cutList":null,"warnings":[]})"), std::string::npos)
+        << run.out;
 
     std::string expected;
     for (const std::string& line : lines(contents(fs::path(KESTRIN_CLIPS_DIR) / "cuts.txt"))) {
@@ -237,6 +239,68 @@ TEST_F(CliBinary, JsonListsTheCuts)
     EXPECT_TRUE(midiFiles(dir_).empty());
 }
 
+// Files that open but cannot be read whole: the scan goes through with the cuts of what it could
+// read, and says what that was.
+TEST_F(CliBinary, DamagedInputsWarnKeepTheirCutsAndExitFour)
+{
+    struct Row
+    {
+        std::string clip;
+        // What the warning says after the file's name.
+        std::string warning;
+        bool isCutShort = false;
+        bool hasMarkerFile = true;
+        // Where the file says the video ends.
+        std::string declaredEnd = "01:00:13:06";
+    };
+    const std::vector<Row> rows = {
+        {"truncated.mp4", "only 01:00:00:00-01:00:07:", true},
+        {"truncated-start.mp4", "only 01:00:00:00-01:00:00:", true, false},  // no cut left
+        {"truncated.mkv", "only 01:00:00:00-01:00:0", true},
+        {"damaged.mkv", "damaged frame", false, true, "01:00:03:23"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.clip);
+        const std::string video = clip(row.clip);
+        const Outcome human = scan({video});
+        EXPECT_EQ(human.status, 4) << human.err;
+        EXPECT_TRUE(human.err.starts_with("kestrin-scan: warning: " + video + ": ")) << human.err;
+        EXPECT_NE(human.err.find(row.warning), std::string::npos) << human.err;
+        if (row.isCutShort) {
+            EXPECT_NE(human.err.find(" of 01:00:00:00-" + row.declaredEnd + " could be read"),
+                      std::string::npos)
+                << human.err;
+        }
+        EXPECT_TRUE(human.err.ends_with("; cuts may be missing\n")) << human.err;
+        const fs::path stem = fs::path(video).stem();
+        EXPECT_EQ(fs::exists(dir_ / (stem.string() + "_Markers.mid")), row.hasMarkerFile);
+
+        const Outcome json = scan({"--json", "--no-midi", video});
+        EXPECT_EQ(json.status, 4);
+        EXPECT_NE(
+            json.out.find(std::string(R"("cutShort":)") + (row.isCutShort ? "true" : "false")),
+            std::string::npos)
+            << json.out;
+        EXPECT_NE(json.out.find(R"("declared":{"until":")" + row.declaredEnd + "\""),
+                  std::string::npos)
+            << json.out;
+    }
+
+    // The intact part of a damaged file keeps every cut.
+    const Outcome damaged = scan({"--json", "--no-midi", clip("damaged.mkv")});
+    std::string found;
+    const std::regex frame(R"("frameIndex":(\d+))");
+    for (std::sregex_iterator it(damaged.out.begin(), damaged.out.end(), frame), end; it != end;
+         ++it) {
+        found += " " + (*it)[1].str();
+    }
+    EXPECT_EQ(found, " 22 49 73");
+
+    // A failure outranks damage; damage outranks success.
+    EXPECT_EQ(scan({"-q", "--no-midi", clip("damaged.mkv"), clip("empty.mp4")}).status, 1);
+    EXPECT_EQ(scan({"-q", "--no-midi", clip("h264-cuts.mp4"), clip("damaged.mkv")}).status, 4);
+}
+
 TEST_F(CliBinary, BadInputsFailAloneAndLeaveNoFile)
 {
     // A FIFO with no writer is refused at once instead of waiting for one (a hang).
@@ -245,7 +309,6 @@ TEST_F(CliBinary, BadInputsFailAloneAndLeaveNoFile)
     const std::vector<std::string> bad = {(dir_ / "missing.mp4").string(),
                                           clip("empty.mp4"),
                                           clip("random.bin"),
-                                          clip("truncated.mp4"),
                                           clip("audio.m4a"),
                                           fifo};
     std::vector<std::string> args = bad;

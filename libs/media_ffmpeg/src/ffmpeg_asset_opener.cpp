@@ -9,7 +9,9 @@ extern "C" {
 
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -214,10 +216,12 @@ public:
     FFmpegTrack(int trackIndex,
                 std::shared_ptr<const TrackSource> source,
                 float nominalFrameRate,
+                std::optional<core::MediaTime> declaredDuration,
                 std::vector<media::FormatDescription> descriptions)
         : trackIndex_(trackIndex)
         , source_(std::move(source))
         , nominalFrameRate_(nominalFrameRate)
+        , declaredDuration_(declaredDuration)
         , descriptions_(std::move(descriptions))
     {}
 
@@ -230,6 +234,10 @@ public:
     [[nodiscard]] core::Expected<core::MediaTime> minFrameDuration() const override
     {
         return source_->timing.frameDuration();
+    }
+    [[nodiscard]] std::optional<core::MediaTime> declaredDuration() const override
+    {
+        return declaredDuration_;
     }
     [[nodiscard]] core::Expected<std::vector<media::FormatDescription>> formatDescriptions()
         const override
@@ -250,6 +258,7 @@ private:
     int trackIndex_;
     std::shared_ptr<const TrackSource> source_;
     float nominalFrameRate_;
+    std::optional<core::MediaTime> declaredDuration_;
     std::vector<media::FormatDescription> descriptions_;
 };
 
@@ -290,6 +299,69 @@ core::MediaTime durationOf(const AVFormatContext& context)
         return core::MediaTime::make(context.duration, AV_TIME_BASE);
     }
     return core::MediaTime::indefinite();
+}
+
+// "HH:MM:SS.fraction", the form of Matroska's DURATION tag, as a time; nothing when malformed.
+std::optional<core::MediaTime> parseTagDuration(std::string_view text)
+{
+    constexpr std::int32_t kMicroseconds = 1'000'000;
+    std::array<std::int64_t, 3> fields{};
+    std::size_t at = 0;
+    for (std::size_t field = 0; field < fields.size(); ++field) {
+        const std::size_t start = at;
+        while (at < text.size() && text[at] >= '0' && text[at] <= '9' && at - start < 9) {
+            fields[field] = fields[field] * 10 + (text[at] - '0');
+            ++at;
+        }
+        const char separator = field < 2 ? ':' : '.';
+        if (at == start || (at < text.size() && text[at] != separator)
+            || (field < 2 && at == text.size())) {
+            return std::nullopt;
+        }
+        ++at;
+    }
+    std::int64_t fraction = 0;
+    std::int64_t scale = kMicroseconds;
+    for (; at < text.size(); ++at) {
+        if (text[at] < '0' || text[at] > '9') {
+            return std::nullopt;
+        }
+        if (scale > 1) {
+            scale /= 10;
+            fraction += (text[at] - '0') * scale;
+        }
+    }
+    if (fields[1] > 59 || fields[2] > 59) {
+        return std::nullopt;
+    }
+    const std::int64_t seconds = (fields[0] * 60 + fields[1]) * 60 + fields[2];
+    return core::MediaTime::make(seconds * kMicroseconds + fraction, kMicroseconds);
+}
+
+// How long the container says `stream` lasts: the stream's own duration (stored in the file, or
+// measured by FFmpeg from the time stamps at both of its ends), the DURATION tag Matroska writers
+// put on each track, or the whole file's duration when the stream is alone in it. Nothing when
+// FFmpeg only guessed from the bit rate: that guess is often far off.
+std::optional<core::MediaTime> declaredDurationOf(const AVFormatContext& context,
+                                                  const AVStream& stream)
+{
+    if (context.duration_estimation_method == AVFMT_DURATION_FROM_BITRATE) {
+        return std::nullopt;
+    }
+    if (stream.duration != AV_NOPTS_VALUE && stream.duration > 0) {
+        const std::int64_t microseconds =
+            av_rescale_q(stream.duration, stream.time_base, AVRational{1, AV_TIME_BASE});
+        return core::MediaTime::make(microseconds, AV_TIME_BASE);
+    }
+    if (const AVDictionaryEntry* tag = av_dict_get(stream.metadata, "DURATION", nullptr, 0)) {
+        if (auto parsed = parseTagDuration(tag->value)) {
+            return parsed;
+        }
+    }
+    if (context.nb_streams == 1 && context.duration != AV_NOPTS_VALUE && context.duration > 0) {
+        return core::MediaTime::make(context.duration, AV_TIME_BASE);
+    }
+    return std::nullopt;
 }
 
 detail::TrackTiming timingOf(const AVStream& stream, media::MediaType type)
@@ -442,6 +514,7 @@ core::Expected<media::AssetPointer> FFmpegAssetOpener::openAsset(const std::file
         tracks.push_back(std::make_shared<FFmpegTrack>(static_cast<int>(tracks.size()),
                                                        std::move(source),
                                                        nominalRate,
+                                                       declaredDurationOf(context, stream),
                                                        std::move(descriptions)));
     }
     media::AssetPointer asset =

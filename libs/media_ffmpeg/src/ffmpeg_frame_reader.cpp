@@ -12,6 +12,7 @@ extern "C" {
 #include <deque>
 #include <optional>
 #include <utility>
+#include <vector>
 
 namespace kestrin::media_ffmpeg::detail {
 
@@ -157,6 +158,9 @@ std::array<std::uint8_t, 256> makeVideoRangeTable()
     return table;
 }
 
+// Decoding errors in a row, without the decoder asking for input, after which a read fails.
+constexpr int kMaxErrorsWithoutInput = 64;
+
 class FFmpegFrameReader final : public media::FrameReader
 {
 public:
@@ -277,6 +281,11 @@ public:
         return status_ == media::ReaderStatus::failed ? error_ : std::nullopt;
     }
 
+    [[nodiscard]] std::vector<core::MediaTime> refusedSampleTimes() const override
+    {
+        return refused_;
+    }
+
     std::optional<media::LumaFrame> nextFrame() override
     {
         while (status_ == media::ReaderStatus::reading) {
@@ -302,17 +311,24 @@ public:
             const int received =
                 avcodec_receive_frame(session_->decoder.get(), session_->frame.get());
             if (received == errorAgain()) {
+                errorsSinceInput_ = 0;
                 feedDecoder();
                 continue;
             }
             if (received == errorEof()) {
-                status_ = media::ReaderStatus::completed;
+                completeAtEnd();
                 break;
             }
             if (received < 0) {
-                fail(received);
-                break;
+                // A decoder that keeps failing without asking for input would never end.
+                if (++errorsSinceInput_ > kMaxErrorsWithoutInput) {
+                    fail(received);
+                    break;
+                }
+                refuseOrFail(received, AV_NOPTS_VALUE);
+                continue;
             }
+            hasDecoded_ = true;
             auto delivered = placeFrame();
             if (delivered) {
                 return delivered;
@@ -349,6 +365,34 @@ private:
         }
         return syncDecodeStamp != AV_NOPTS_VALUE
                && syncDecodeStamp <= session_->lastSentDecodeStamp;
+    }
+
+    // The decoder's failure on one sample: a damaged sample is passed over and noted, so that
+    // one bad packet does not end the read (as FFmpeg's own tools go on); running out of memory,
+    // an interrupted read or a misused decoder ends it.
+    void refuseOrFail(int code, std::int64_t stamp)
+    {
+        if (code == AVERROR(ENOMEM) || code == AVERROR(EINVAL) || code == errorExit()) {
+            fail(code);
+            return;
+        }
+        if (!firstRefusal_) {
+            firstRefusal_ = code;
+        }
+        refused_.push_back(stamp == AV_NOPTS_VALUE ? core::MediaTime::invalid()
+                                                   : source_->timing.timeOf(stamp));
+    }
+
+    // The input has ended: a read that decoded nothing because the decoder refused every
+    // sample has failed, with the decoder's reason.
+    void completeAtEnd()
+    {
+        if (!hasDecoded_ && firstRefusal_) {
+            status_ = media::ReaderStatus::failed;
+            error_ = ffmpegError(*firstRefusal_);
+            return;
+        }
+        status_ = media::ReaderStatus::completed;
     }
 
     void fail(int code)
@@ -400,7 +444,7 @@ private:
     {
         if (session_->isInputDone) {
             // The decoder wants input after being drained: nothing more will come.
-            status_ = media::ReaderStatus::completed;
+            completeAtEnd();
             return;
         }
         for (;;) {
@@ -473,10 +517,11 @@ private:
                 isShownBeforeRange(packet) ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
         }
         const std::int64_t decodeStamp = packet.dts;
+        const std::int64_t presentationStamp = packet.pts;
         const int sent = avcodec_send_packet(session_->decoder.get(), &packet);
         av_packet_unref(&packet);
         if (sent < 0 && sent != errorAgain()) {
-            fail(sent);
+            refuseOrFail(sent, presentationStamp);
         } else if (sent >= 0 && decodeStamp != AV_NOPTS_VALUE) {
             session_->lastSentDecodeStamp = decodeStamp;
         }
@@ -630,6 +675,8 @@ private:
         media::LumaFrame out;
         out.presentationTime = time;
         out.duration = durationOfFrame();
+        out.isDamaged =
+            picture.decode_error_flags != 0 || (picture.flags & AV_FRAME_FLAG_CORRUPT) != 0;
         out.width = settings_.width;
         out.height = settings_.height;
         const auto decoded = static_cast<AVPixelFormat>(picture.format);
@@ -740,6 +787,11 @@ private:
     std::int64_t repeatsLeft_ = 0;
     bool isHoldingFrame_ = false;
     core::MediaTime heldTime_;
+    // Samples the decoder refused, the first one's error, and whether any frame was decoded.
+    std::vector<core::MediaTime> refused_;
+    std::optional<int> firstRefusal_;
+    bool hasDecoded_ = false;
+    int errorsSinceInput_ = 0;
 };
 
 }  // namespace

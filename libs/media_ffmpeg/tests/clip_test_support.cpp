@@ -75,14 +75,15 @@ ReadResult readFrames(const media::AssetPointer& asset,
     }
     EXPECT_TRUE((*reader)->startReading());
     while (auto frame = (*reader)->nextFrame()) {
-        CopiedFrame& copy = result.frames.emplace_back(
-            CopiedFrame{frame->presentationTime, frame->width, frame->height, {}});
+        CopiedFrame& copy = result.frames.emplace_back(CopiedFrame{
+            frame->presentationTime, frame->width, frame->height, {}, frame->isDamaged});
         for (int row = 0; row < frame->height; ++row) {
             const std::uint8_t* start = frame->data + row * frame->bytesPerRow;
             copy.luma.insert(copy.luma.end(), start, start + frame->width);
         }
     }
     result.status = (*reader)->status();
+    result.refusedSamples = (*reader)->refusedSampleTimes();
     return result;
 }
 

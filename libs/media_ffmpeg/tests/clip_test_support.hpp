@@ -42,6 +42,7 @@ struct CopiedFrame
     int width = 0;
     int height = 0;
     std::vector<std::uint8_t> luma;  ///< rows back to back
+    bool isDamaged = false;
 };
 
 /// Every frame a fresh reader with `settings` delivers, and its final status.
@@ -49,6 +50,7 @@ struct ReadResult
 {
     std::vector<CopiedFrame> frames;
     media::ReaderStatus status = media::ReaderStatus::notStarted;
+    std::vector<core::MediaTime> refusedSamples;
 };
 ReadResult readFrames(const media::AssetPointer& asset,
                       const media::TrackPointer& track,

@@ -150,14 +150,40 @@ TEST(FFmpegFrameReader, StopRequestAndCancelEndTheReadWithinOneFrame)
     }
 }
 
-TEST(FFmpegFrameReader, TruncatedFileEndsWithoutCrashing)
+// A damaged file is read to its end: the frames there are, the damaged ones marked, the samples
+// the decoder refused listed; the track still declares the duration the file should have.
+TEST(FFmpegFrameReader, DamagedFilesAreReadToTheEndOfTheirData)
 {
-    const auto asset = openClip("truncated.mp4");
-    const auto read = readFrames(asset, firstVideoTrack(asset), {});
-    // Half the file: some frames, then the end of the data.
-    EXPECT_GT(read.frames.size(), 10U);
-    EXPECT_LT(read.frames.size(), 331U);
-    EXPECT_TRUE(read.status == ReaderStatus::completed || read.status == ReaderStatus::failed);
+    struct Row
+    {
+        std::string clip;
+        std::size_t fewestFrames;
+        std::size_t mostFrames;
+        bool isDamaged;  // some frame marked or some sample refused
+    };
+    const std::vector<Row> rows = {
+        {"h264-bframes.mkv", 331, 331, false},  // intact: declared by the track's DURATION tag
+        {"damaged.mkv", 98, 98, true},
+        {"truncated.mkv", 100, 300, false},
+        {"truncated.mp4", 100, 300, true},  // its last sample cut short
+        {"truncated-start.mp4", 1, 60, true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.clip);
+        const auto asset = openClip(row.clip);
+        const auto track = firstVideoTrack(asset);
+        const bool isProRes = row.clip == "damaged.mkv";
+        EXPECT_EQ(track->declaredDuration(),
+                  core::MediaTime::make(isProRes ? 3'920'000 : 13'240'000, 1'000'000));
+        const auto read = readFrames(asset, track, {});
+        EXPECT_EQ(read.status, ReaderStatus::completed);
+        EXPECT_GE(read.frames.size(), row.fewestFrames);
+        EXPECT_LE(read.frames.size(), row.mostFrames);
+        const bool isDamaged =
+            !read.refusedSamples.empty()
+            || std::ranges::any_of(read.frames, &testing::CopiedFrame::isDamaged);
+        EXPECT_EQ(isDamaged, row.isDamaged);
+    }
 }
 
 }  // namespace

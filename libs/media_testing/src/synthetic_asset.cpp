@@ -54,6 +54,10 @@ public:
     {
         return track_.minFrameDuration;
     }
+    [[nodiscard]] std::optional<MediaTime> declaredDuration() const override
+    {
+        return track_.declaredDuration;
+    }
     [[nodiscard]] Expected<std::vector<media::FormatDescription>> formatDescriptions()
         const override
     {
@@ -202,6 +206,7 @@ public:
 
     [[nodiscard]] ReaderStatus status() const override { return status_; }
     [[nodiscard]] std::optional<Error> error() const override { return error_; }
+    [[nodiscard]] std::vector<MediaTime> refusedSampleTimes() const override { return {}; }
 
     std::optional<LumaFrame> nextFrame() override
     {
@@ -232,6 +237,7 @@ public:
         frame.height = settings_.height;
         frame.bytesPerRow = settings_.width;
         frame.isLeadIn = leadIn_[next_ - 1];
+        frame.isDamaged = sample.isDamaged;
         if (sample.picture) {
             render(*sample.picture);
             frame.data = plane_.data();

@@ -53,10 +53,11 @@ public:
 
     // Runs the scan to its outcome. Success paths finish the stream themselves (with or without a
     // final progress); error paths leave that to the caller, which finishes it in every case.
-    ScanOutcome run(const std::stop_token& stopToken) const
+    ScanOutcome run(const std::stop_token& stopToken,
+                    const std::shared_ptr<ReadLedger>& ledger) const
     {
         try {
-            return runSteps(stopToken);
+            return runSteps(stopToken, ledger);
         } catch (const std::exception& exception) {
             return scan_error::unexpectedFailure(exception.what());
         } catch (...) {
@@ -65,7 +66,8 @@ public:
     }
 
 private:
-    ScanOutcome runSteps(const std::stop_token& stopToken) const
+    ScanOutcome runSteps(const std::stop_token& stopToken,
+                         const std::shared_ptr<ReadLedger>& ledger) const
     {
         // A step interrupted by the stop request may fail with an error of its own (an aborted
         // read, say); the owner asked for the stop, so the scan ends as cancelled all the same.
@@ -79,7 +81,8 @@ private:
         if (!opened) {
             return opened.error();
         }
-        const media::Asset& asset = **opened;
+        const media::AssetPointer watched = watchReads(*opened, ledger);
+        const media::Asset& asset = *watched;
 
         const core::Expected<std::vector<media::TrackPointer>> videoTracks =
             asset.tracksWithMediaType(media::MediaType::video);
@@ -182,10 +185,14 @@ struct detail::ScanJob
     {
         worker = std::jthread([this, flow = std::move(flow), onFinished = std::move(onFinished)](
                                   const std::stop_token& stopToken) {
-            ScanOutcome outcome = flow.run(stopToken);
+            const auto ledger = std::make_shared<ReadLedger>();
+            ScanOutcome outcome = flow.run(stopToken, ledger);
             events->finish();
             {
                 const std::scoped_lock lock(mutex);
+                if (outcome) {
+                    damage = ledger->damage();
+                }
                 result.emplace(std::move(outcome));
             }
             finished.notify_all();
@@ -223,6 +230,8 @@ struct detail::ScanJob
     std::condition_variable finished;
     // Guarded by mutex: absent until the scan ends, then never changed.
     std::optional<ScanOutcome> result;
+    // Guarded by mutex: set with a successful result.
+    ReadDamage damage;
 
     // Owner's thread only: started in the constructor, joined in the destructor.
     std::jthread worker;
@@ -252,6 +261,13 @@ ScanOutcome ScanHandle::waitForResult() const
     std::unique_lock lock(job_->mutex);
     job_->finished.wait(lock, [this] { return job_->result.has_value(); });
     return *job_->result;
+}
+
+ReadDamage ScanHandle::damage() const
+{
+    std::unique_lock lock(job_->mutex);
+    job_->finished.wait(lock, [this] { return job_->result.has_value(); });
+    return job_->damage;
 }
 
 VideoScanService::VideoScanService(std::shared_ptr<const media::AssetOpener> opener,

@@ -234,3 +234,82 @@ TEST(VideoScanService, StopOrDestroyedHandleEndsTheScanAsCancelled)
 
 }  // namespace
 }  // namespace kestrin::scan
+
+namespace kestrin::scan {
+namespace {
+
+// What the readers of a scan meet comes back with its markers: each damaged frame once, however
+// often the detector reads it, and a track whose data ends before its declared duration.
+TEST(VideoScanService, DamageCountsEachDamagedFrameOnceAndFindsWhereTheDataEnds)
+{
+    struct Row
+    {
+        std::string what;
+        std::optional<MediaTime> declared;  // the track holds 2 s: 50 frames at 25 fps
+        std::vector<std::size_t> damagedSamples;
+        ReadDamage expected;
+    };
+    const MediaTime twoSeconds = MediaTime::make(2, 1);
+    const std::vector<Row> rows = {
+        {"intact", twoSeconds, {}, {0, twoSeconds, {}}},
+        {"no declared duration", {}, {}, {0, {}, {}}},
+        {"damaged frames", twoSeconds, {3, 20, 21}, {3, twoSeconds, {}}},
+        {"data ends a second early",
+         MediaTime::make(3, 1),
+         {7},
+         {1, MediaTime::make(3, 1), twoSeconds}},
+        {"two frames short is the end",
+         MediaTime::make(52, 25),
+         {},
+         {0, MediaTime::make(52, 25), {}}},
+        {"three frames short is not",
+         MediaTime::make(53, 25),
+         {},
+         {0, MediaTime::make(53, 25), twoSeconds}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        media_testing::SyntheticTrack track = media_testing::makeVideoTrack(
+            25,
+            50,
+            [](std::int64_t frame) { return media_testing::flatPicture(frame < 25 ? 0 : 200); },
+            [](std::int64_t frame) { return frame % 10 == 0; });
+        track.declaredDuration = row.declared;
+        for (const std::size_t sample : row.damagedSamples) {
+            track.samples[sample].isDamaged = true;
+        }
+        auto opener = std::make_shared<media_testing::SyntheticAssetOpener>();
+        opener->add(
+            "clip.mov",
+            std::make_shared<media_testing::SyntheticAsset>(twoSeconds, std::vector{track}));
+        // Reads the whole track, then the window around its middle again.
+        const auto read = [](const DetectionContext& context, MarkerList) -> Expected<MarkerList> {
+            for (const auto& range : {std::optional<core::MediaTimeRange>{},
+                                      std::optional{core::MediaTimeRange{
+                                          MediaTime::make(16, 25), MediaTime::make(8, 25)}}}) {
+                auto reader = context.asset.makeFrameReader(
+                    context.track, media::FrameReaderSettings{.timeRange = range});
+                if (!reader || !(*reader)->startReading()) {
+                    return Error{"test", 1, "no reader"};
+                }
+                while ((*reader)->nextFrame()) {
+                }
+            }
+            return MarkerList{};
+        };
+        ScanSteps steps;
+        steps.decideMode = [](const auto&, const auto&, const auto&, const auto&) {
+            return Expected<core::ScanMode>(core::ScanMode::noKeyframes);
+        };
+        steps.detector = Detector{.name = "reads", .fullDecodeStages = {{read, 1.0}}};
+        const VideoScanService service(opener, core::Log::discard(), steps);
+        const Scan scan = service.scanForEdits("clip.mov");
+        ASSERT_TRUE(scan.handle.waitForResult());
+        EXPECT_EQ(scan.handle.damage(), row.expected)
+            << scan.handle.damage().damagedFrames << " damaged, covered until "
+            << scan.handle.damage().coveredUntil.value_or(MediaTime()).seconds();
+    }
+}
+
+}  // namespace
+}  // namespace kestrin::scan

@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <vector>
 
@@ -30,6 +31,11 @@ public:
     /// The real duration of one frame (1001/30000 s at 29.97, also where the container rounds its
     /// time stamps to a coarser clock); invalid when the track does not say.
     [[nodiscard]] virtual core::Expected<core::MediaTime> minFrameDuration() const = 0;
+
+    /// How long the container says the track lasts, counted from its first presented frame: what
+    /// a reader of the whole track should reach. Absent when the container does not say, or only
+    /// guesses (from the bit rate, say).
+    [[nodiscard]] virtual std::optional<core::MediaTime> declaredDuration() const = 0;
 
     /// The track's sample descriptions, usually one.
     [[nodiscard]] virtual core::Expected<std::vector<FormatDescription>> formatDescriptions()

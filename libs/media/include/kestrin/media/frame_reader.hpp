@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 namespace kestrin::media {
 
@@ -55,6 +56,9 @@ struct LumaFrame
     core::MediaTime duration = core::MediaTime::zero();
     /// Shown before the reader's time range, delivered because the settings asked for the lead-in.
     bool isLeadIn = false;
+    /// The decoder reported damage in this picture: it concealed errors in the data or decoded it
+    /// without a picture it refers to. The plane is still the decoder's best picture.
+    bool isDamaged = false;
 
     [[nodiscard]] bool hasImage() const { return data != nullptr; }
 };
@@ -87,6 +91,12 @@ public:
     /// The error that made the reader fail, with the decoder's or the file system's own code and
     /// text; absent unless status() is failed, and possibly absent then.
     [[nodiscard]] virtual std::optional<core::Error> error() const = 0;
+
+    /// The presentation times of the samples the decoder refused as damaged so far, in the order
+    /// met (an invalid time where the sample's is unknown). A refused sample is passed over and
+    /// the read goes on, so its frame is missing from what the reader delivers; a read that
+    /// delivers no frame at all because every sample was refused fails with the decoder's error.
+    [[nodiscard]] virtual std::vector<core::MediaTime> refusedSampleTimes() const = 0;
 
     /// Decodes up to the next frame and returns it; absent when there is none: status() then says
     /// whether the read completed, failed or was cancelled. A stop request (the stop token the

@@ -37,6 +37,8 @@ struct SyntheticSample
     std::optional<Picture> picture;
     /// Whether other frames refer to it: a reader asked for its lead-in delivers only these.
     bool isReference = true;
+    /// Delivered marked as damaged, as a decoder marks a picture it concealed errors in.
+    bool isDamaged = false;
 };
 
 /// What a reader of a synthetic track should do wrong, for failure tests.
@@ -58,6 +60,9 @@ struct SyntheticTrack
     media::MediaType mediaType = media::MediaType::video;
     core::Expected<float> nominalFrameRate = 25.0F;
     core::Expected<core::MediaTime> minFrameDuration = core::MediaTime::make(1, 25);
+    /// What the container would say the track lasts; absent: it does not say. A value beyond the
+    /// samples' end plays a truncated file.
+    std::optional<core::MediaTime> declaredDuration;
     core::Expected<std::vector<media::FormatDescription>> formatDescriptions =
         std::vector<media::FormatDescription>{};
     core::Expected<bool> canProvideSampleCursors = true;

@@ -6,6 +6,7 @@
 #include <kestrin/media/asset.hpp>
 #include <kestrin/scan/detector.hpp>
 #include <kestrin/scan/frame_access.hpp>
+#include <kestrin/scan/read_damage.hpp>
 #include <kestrin/scan/scan_event_stream.hpp>
 
 #include <filesystem>
@@ -85,6 +86,11 @@ public:
     ///   - scan_error::stepUnavailable() when a step the scan needed is missing;
     ///   - scan_error::unexpectedFailure() when a step threw.
     [[nodiscard]] core::Expected<std::vector<core::EditMarker>> waitForResult() const;
+
+    /// Blocks as waitForResult() does, then returns what the scan could not read of the video
+    /// (ReadLedger says how it is measured): the same every call, and clean unless the scan
+    /// succeeded. A scan with damage still succeeds, with the markers of what it could read.
+    [[nodiscard]] ReadDamage damage() const;
 
 private:
     std::unique_ptr<detail::ScanJob> job_;
