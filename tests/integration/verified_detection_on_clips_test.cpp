@@ -48,7 +48,7 @@ TEST(VerifiedDetectionOnClips, EveryCutAtItsFrameInBothModes)
         const auto markers = scan.handle.waitForResult();
         ASSERT_TRUE(markers) << markers.error().description;
         // An intact file reads whole: no damage, nothing missing before its declared end.
-        const ReadDamage damage = scan.handle.damage();
+        const core::ReadDamage damage = scan.handle.damage();
         EXPECT_TRUE(damage.isClean()) << damage.damagedFrames << " damaged, covered until "
                                       << damage.coveredUntil.value_or(core::MediaTime()).seconds();
         std::vector<std::int64_t> frames;
@@ -91,7 +91,7 @@ TEST(VerifiedDetectionOnClips, EveryCellOfThePlacementMatrix)
         const Scan scan = service.scanForEdits(media_ffmpeg::testing::clipPath("placement") / clip);
         const auto markers = scan.handle.waitForResult();
         ASSERT_TRUE(markers) << markers.error().description;
-        const ReadDamage damage = scan.handle.damage();
+        const core::ReadDamage damage = scan.handle.damage();
         EXPECT_TRUE(damage.isClean()) << damage.damagedFrames << " damaged, covered until "
                                       << damage.coveredUntil.value_or(core::MediaTime()).seconds();
         std::vector<std::int64_t> frames;

@@ -183,12 +183,12 @@ std::string jsonLine(const VideoReport& report)
     line += report.cutList ? jsonString(report.cutList->string()) : "null";
     line += ",\"warnings\":[";
     if (report.damage) {
-        const DamageReport& damage = *report.damage;
-        line += "{\"message\":" + jsonString(damageText(report))
+        const app::DamageSummary& damage = *report.damage;
+        line += "{\"message\":" + jsonString(app::damageText(damage))
                 + ",\"damagedFrames\":" + std::to_string(damage.damagedFrames) + ",\"cutShort\":"
                 + (damage.isCutShort ? "true" : "false") + ",\"covered\":{\"from\":"
-                + jsonString(damage.coveredFrom) + ",\"until\":" + jsonString(damage.coveredUntil)
-                + ",\"seconds\":" + shortest(damage.coveredSeconds) + "},\"declared\":";
+                + jsonString(damage.readFrom) + ",\"until\":" + jsonString(damage.readUntil)
+                + ",\"seconds\":" + shortest(damage.readSeconds) + "},\"declared\":";
         line += damage.declaredUntil
                     ? "{\"until\":" + jsonString(*damage.declaredUntil)
                           + ",\"seconds\":" + shortest(damage.declaredSeconds.value_or(0.0)) + "}"
@@ -198,33 +198,13 @@ std::string jsonLine(const VideoReport& report)
     return line + "]}";
 }
 
-std::string damageText(const VideoReport& report)
+std::string warningLine(const VideoReport& report)
 {
     if (report.error || !report.damage) {
         return "";
     }
-    const DamageReport& damage = *report.damage;
-    std::string text;
-    if (damage.isCutShort) {
-        text = "only " + damage.coveredFrom + "-" + damage.coveredUntil;
-        if (damage.declaredUntil) {
-            text += " of " + damage.coveredFrom + "-" + *damage.declaredUntil;
-        }
-        text += " could be read";
-    }
-    if (damage.damagedFrames > 0) {
-        text += (text.empty() ? "" : ", ") + std::to_string(damage.damagedFrames)
-                + (damage.damagedFrames == 1 ? " damaged frame" : " damaged frames");
-    }
-    return text + "; cuts may be missing";
-}
-
-std::string warningLine(const VideoReport& report)
-{
-    const std::string text = damageText(report);
-    return text.empty()
-               ? ""
-               : terminalText("kestrin-scan: warning: " + report.file.string() + ": " + text);
+    return terminalText("kestrin-scan: warning: " + report.file.string() + ": "
+                        + app::damageText(*report.damage));
 }
 
 std::string humanLine(const VideoReport& report)

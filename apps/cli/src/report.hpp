@@ -25,13 +25,8 @@ namespace kestrin::cli {
 /// or for a failed one "kestrin-scan: <file>: <reason>"; made safe by terminalText.
 [[nodiscard]] std::string humanLine(const VideoReport& report);
 
-/// For a video scanned with damage, what could not be read, without the file's name:
-/// "only 01:00:00:00-01:00:07:21 of 01:00:00:00-01:00:13:06 could be read, 12 damaged frames;
-/// cuts may be missing"; empty for a video without damage (or that failed).
-[[nodiscard]] std::string damageText(const VideoReport& report);
-
 /// The warning line for a video scanned with damage, "kestrin-scan: warning: <file>: " and
-/// damageText(), made safe by terminalText; empty when there is nothing to warn of.
+/// app::damageText(), made safe by terminalText; empty when there is nothing to warn of.
 [[nodiscard]] std::string warningLine(const VideoReport& report);
 
 }  // namespace kestrin::cli

@@ -113,7 +113,7 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
         }
     }
     const core::Expected<std::vector<core::EditMarker>> markers = scan.handle.waitForResult();
-    const scan::ReadDamage damage = scan.handle.damage();
+    const core::ReadDamage damage = scan.handle.damage();
     interruption_.detach();
     if (!markers) {
         report.error = markers.error();
@@ -144,28 +144,7 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
                                timecode::timecodeTextForFrame(frame, base, counting).value_or(""),
                                marker.confidence});
     }
-    if (!damage.isClean()) {
-        const auto timecodeAt = [&](const core::MediaTime& time) {
-            const core::EditMarker at{.frameIndex = 0, .time = time, .confidence = {}};
-            return timecode::timecodeTextForFrame(
-                       sessionStart + plan->videoStartFrame + app::timecodeFrameOf(at, rate),
-                       base,
-                       counting)
-                .value_or("");
-        };
-        DamageReport& damaged = report.damage.emplace();
-        damaged.damagedFrames = damage.damagedFrames;
-        damaged.coveredFrom = timecodeAt(core::MediaTime::zero());
-        if (damage.declaredDuration) {
-            damaged.declaredUntil = timecodeAt(*damage.declaredDuration);
-            damaged.declaredSeconds = damage.declaredDuration->seconds();
-        }
-        const std::optional<core::MediaTime> until =
-            damage.coveredUntil ? damage.coveredUntil : damage.declaredDuration;
-        damaged.isCutShort = damage.coveredUntil.has_value();
-        damaged.coveredUntil = until ? timecodeAt(*until) : "";
-        damaged.coveredSeconds = until ? until->seconds() : 0.0;
-    }
+    report.damage = app::summarizeDamage(damage, *plan);
     if (interruption_.interrupted()) {  // the scan ended before the stop request reached it
         report.error = scan::scan_error::cancelled();
         return report;

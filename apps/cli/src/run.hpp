@@ -2,6 +2,7 @@
 
 #include "options.hpp"
 
+#include <kestrin/app/marker_plan.hpp>
 #include <kestrin/core/error.hpp>
 #include <kestrin/core/scan_mode.hpp>
 #include <kestrin/media/asset.hpp>
@@ -28,23 +29,6 @@ struct CutReport
     std::optional<float> confidence;
 };
 
-/// What a scan that succeeded could not read of its video, in the terms of the cuts' timecodes.
-struct DamageReport
-{
-    /// Frames the decoder found damaged or could not decode.
-    std::int64_t damagedFrames = 0;
-    /// The stretch read, from the video's start: to where reading stopped when the file ended
-    /// early, else to the declared end (or empty when the file does not declare one).
-    std::string coveredFrom;
-    std::string coveredUntil;
-    double coveredSeconds = 0;
-    /// Where the video should end by the duration its file declares; absent when it does not.
-    std::optional<std::string> declaredUntil;
-    std::optional<double> declaredSeconds;
-    /// Reading stopped before the declared end.
-    bool isCutShort = false;
-};
-
 /// The outcome of one video: either an error or what was found (and written).
 struct VideoReport
 {
@@ -55,7 +39,7 @@ struct VideoReport
     bool dropFrame = false;
     std::vector<CutReport> cuts;
     /// Set when the scan succeeded without reading the whole video: its cuts may be incomplete.
-    std::optional<DamageReport> damage;
+    std::optional<app::DamageSummary> damage;
     /// The MIDI file written; kStandardOutput when its bytes are in `standardOutput`.
     std::optional<std::filesystem::path> midi;
     /// The cut list written; kStandardOutput when its text is in `standardOutput`.

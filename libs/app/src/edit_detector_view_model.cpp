@@ -5,6 +5,7 @@
 #include <QMetaObject>
 
 #include <algorithm>
+#include <cctype>
 #include <system_error>
 #include <utility>
 
@@ -213,6 +214,20 @@ const std::optional<std::string>& EditDetectorViewModel::errorMessage() const
     return errorMessage_;
 }
 
+const std::optional<std::string>& EditDetectorViewModel::scanWarning() const
+{
+    return scanWarning_;
+}
+
+void EditDetectorViewModel::setScanWarning(const std::optional<std::string>& text)
+{
+    if (text == scanWarning_) {
+        return;
+    }
+    scanWarning_ = text;
+    emit scanWarningChanged(scanWarning_);
+}
+
 void EditDetectorViewModel::setErrorMessage(const std::optional<std::string>& message)
 {
     if (message == errorMessage_) {
@@ -392,6 +407,7 @@ void EditDetectorViewModel::startScan()
     setProgress(0.0);
     setMarkers({});
     setErrorMessage(std::nullopt);
+    setScanWarning(std::nullopt);
     setIsProcessing(true);
     setScanLEDisOn(true);
     const std::uint64_t generation = generation_;
@@ -509,12 +525,16 @@ void EditDetectorViewModel::scanFinished(std::uint64_t generation)
     // The result is ready (the completion comes after it); the worker has at most to return from
     // the completion call, so releasing the handle joins it at once.
     const core::Expected<std::vector<core::EditMarker>> outcome = job->handle.waitForResult();
+    const core::ReadDamage damage = job->handle.damage();
     job.reset();
 
     if (generation == generation_) {
         if (outcome) {
             setMarkers(*outcome);
-            setProgress(1.0);
+            setProgress(damage.isClean() ? 1.0 : readFraction(damage));
+            if (!damage.isClean()) {
+                setScanWarning(damageWarning(damage));
+            }
         } else if (!scan::scan_error::isCancellation(outcome.error())) {
             setErrorMessage(outcome.error().description);
         }
@@ -522,6 +542,41 @@ void EditDetectorViewModel::scanFinished(std::uint64_t generation)
         stopEventConsumer();
     }
     logScanEnd();
+}
+
+std::string EditDetectorViewModel::damageWarning(const core::ReadDamage& damage) const
+{
+    MarkerExport request{.markers = {},
+                         .nominalFPS = nominalFPS_,
+                         .dropFrame = dropFrameSources(),
+                         .sessionStartDigits = sessionStartDigits_,
+                         .videoStartDigits = videoStartDigits_,
+                         .markerName = markerName_};
+    core::Expected<MarkerPlan> plan = planMarkerExport(request);
+    if (!plan) {
+        // Timecodes being typed: count from the video's own start instead.
+        request.sessionStartDigits = "00000000";
+        request.videoStartDigits = "00000000";
+        plan = planMarkerExport(request);
+    }
+    const std::optional<DamageSummary> summary =
+        plan ? summarizeDamage(damage, *plan) : std::nullopt;
+    std::string text = summary ? damageText(*summary) : "cuts may be missing";
+    text[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(text[0])));
+    return "The scan could not read the whole video. " + text
+           + ". The markers are those of what could be read.";
+}
+
+double EditDetectorViewModel::readFraction(const core::ReadDamage& damage)
+{
+    constexpr double kMostOfADamagedScan = 0.99;
+    if (damage.coveredUntil && damage.declaredDuration) {
+        const double declared = damage.declaredDuration->seconds();
+        if (declared > 0.0) {
+            return std::clamp(damage.coveredUntil->seconds() / declared, 0.0, kMostOfADamagedScan);
+        }
+    }
+    return kMostOfADamagedScan;
 }
 
 void EditDetectorViewModel::logScanEnd() const

@@ -30,6 +30,57 @@ std::string fixedSixDecimals(double value)
 
 }  // namespace
 
+std::string sessionTimecodeAt(const MarkerPlan& plan, const core::MediaTime& time)
+{
+    const core::EditMarker at{.frameIndex = 0, .time = time, .confidence = {}};
+    const std::int64_t frame =
+        plan.sessionStartFrame + plan.videoStartFrame + timecodeFrameOf(at, plan.nominalFPS);
+    return timecode::timecodeTextForFrame(frame,
+                                          integerFrameRate(plan.nominalFPS),
+                                          plan.isDropFrame ? timecode::FrameCounting::DropFrame
+                                                           : timecode::FrameCounting::NonDrop)
+        .value_or("");
+}
+
+std::optional<DamageSummary> summarizeDamage(const core::ReadDamage& damage, const MarkerPlan& plan)
+{
+    if (damage.isClean()) {
+        return std::nullopt;
+    }
+    DamageSummary summary;
+    summary.damagedFrames = damage.damagedFrames;
+    summary.readFrom = sessionTimecodeAt(plan, core::MediaTime::zero());
+    if (damage.declaredDuration) {
+        summary.declaredUntil = sessionTimecodeAt(plan, *damage.declaredDuration);
+        summary.declaredSeconds = damage.declaredDuration->seconds();
+    }
+    const std::optional<core::MediaTime> until =
+        damage.coveredUntil ? damage.coveredUntil : damage.declaredDuration;
+    if (until) {
+        summary.readUntil = sessionTimecodeAt(plan, *until);
+        summary.readSeconds = until->seconds();
+    }
+    summary.isCutShort = damage.coveredUntil.has_value();
+    return summary;
+}
+
+std::string damageText(const DamageSummary& summary)
+{
+    std::string text;
+    if (summary.isCutShort) {
+        text = "only " + summary.readFrom + "-" + summary.readUntil;
+        if (summary.declaredUntil) {
+            text += " of " + summary.readFrom + "-" + *summary.declaredUntil;
+        }
+        text += " could be read";
+    }
+    if (summary.damagedFrames > 0) {
+        text += (text.empty() ? "" : ", ") + std::to_string(summary.damagedFrames)
+                + (summary.damagedFrames == 1 ? " damaged frame" : " damaged frames");
+    }
+    return text + "; cuts may be missing";
+}
+
 core::Expected<MarkerPlan> planMarkerExport(const MarkerExport& request)
 {
     const float rate = snapFrameRate(request.nominalFPS);
@@ -53,7 +104,9 @@ core::Expected<MarkerPlan> planMarkerExport(const MarkerExport& request)
 
     MarkerPlan plan;
     plan.rate = exportRateCode(rate, request.dropFrame);
+    plan.nominalFPS = rate;
     plan.isDropFrame = isDropFrame;
+    plan.sessionStartFrame = *session;
     plan.sessionStart = textOf(*session);
     plan.videoStart = textOf(*video);
     plan.videoStartFrame = *video - *session;

@@ -140,6 +140,37 @@ TEST(MarkerPlan, CutsSkipFrameZeroAndRepeatsAndAreNamedInOrder)
     EXPECT_EQ(planMarkerExport(request).error(), exportError(ExportError::invalidTimecode));
 }
 
+// What a damaged scan read, on the session timeline as the cuts are: at 29.97 drop-frame, 1 s of
+// a video placed at 01:00:00;00 ends on 01:00:01;00, and 60 s (1798 frames) on 01:00:59;28.
+TEST(MarkerPlan, DamageIsSummedUpInTheCutsTimecodes)
+{
+    MarkerExport request;
+    request.nominalFPS = 29.97F;
+    request.sessionStartDigits = "00595800";
+    request.videoStartDigits = "01000000";
+    const core::Expected<MarkerPlan> plan = planMarkerExport(request);
+    ASSERT_TRUE(plan);
+    const core::MediaTime minute = core::MediaTime::make(60, 1);
+    struct Row
+    {
+        core::ReadDamage damage;
+        std::string text;  // empty: no summary
+    };
+    const std::vector<Row> rows = {
+        {{0, minute, {}}, ""},
+        {{2, minute, {}}, "2 damaged frames; cuts may be missing"},
+        {{0, minute, core::MediaTime::make(1, 1)},
+         "only 01:00:00;00-01:00:01;00 of 01:00:00;00-01:00:59;28 could be read; cuts may be "
+         "missing"},
+        {{1, {}, core::MediaTime::make(1, 1)},
+         "only 01:00:00;00-01:00:01;00 could be read, 1 damaged frame; cuts may be missing"},
+    };
+    for (const Row& row : rows) {
+        const std::optional<DamageSummary> summary = summarizeDamage(row.damage, *plan);
+        EXPECT_EQ(summary ? damageText(*summary) : "", row.text);
+    }
+}
+
 TEST(MarkerPlan, MarkerTextsReplaceNumberAndTimecode)
 {
     EXPECT_EQ(markerText("Cut {n} at {tc} {x}", 12, "01:00:00:05"), "Cut 12 at 01:00:00:05 {x}");

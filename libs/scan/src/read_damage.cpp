@@ -24,10 +24,10 @@ ReadLedger::ReadLedger()
 
 ReadLedger::~ReadLedger() = default;
 
-ReadDamage ReadLedger::damage() const
+core::ReadDamage ReadLedger::damage() const
 {
     const std::scoped_lock lock(state_->mutex);
-    return ReadDamage{
+    return core::ReadDamage{
         .damagedFrames =
             static_cast<std::int64_t>(state_->damagedTimes.size()) + state_->untimedDamage,
         .declaredDuration = state_->declaredDuration,

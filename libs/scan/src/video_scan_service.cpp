@@ -231,7 +231,7 @@ struct detail::ScanJob
     // Guarded by mutex: absent until the scan ends, then never changed.
     std::optional<ScanOutcome> result;
     // Guarded by mutex: set with a successful result.
-    ReadDamage damage;
+    core::ReadDamage damage;
 
     // Owner's thread only: started in the constructor, joined in the destructor.
     std::jthread worker;
@@ -263,7 +263,7 @@ ScanOutcome ScanHandle::waitForResult() const
     return *job_->result;
 }
 
-ReadDamage ScanHandle::damage() const
+core::ReadDamage ScanHandle::damage() const
 {
     std::unique_lock lock(job_->mutex);
     job_->finished.wait(lock, [this] { return job_->result.has_value(); });

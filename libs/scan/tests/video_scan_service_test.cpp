@@ -247,7 +247,7 @@ TEST(VideoScanService, DamageCountsEachDamagedFrameOnceAndFindsWhereTheDataEnds)
         std::string what;
         std::optional<MediaTime> declared;  // the track holds 2 s: 50 frames at 25 fps
         std::vector<std::size_t> damagedSamples;
-        ReadDamage expected;
+        core::ReadDamage expected;
     };
     const MediaTime twoSeconds = MediaTime::make(2, 1);
     const std::vector<Row> rows = {

@@ -235,6 +235,7 @@ RackPanel::RackPanel(std::unique_ptr<EditDetectorViewModel> model,
                 }
             });
     connect(vm, &EditDetectorViewModel::errorMessageChanged, this, &RackPanel::showErrorMessage);
+    connect(vm, &EditDetectorViewModel::scanWarningChanged, this, &RackPanel::showScanWarning);
     connect(vm, &EditDetectorViewModel::selectedURLChanged, this, &RackPanel::showModel);
     connect(vm, &EditDetectorViewModel::nominalFPSChanged, this, &RackPanel::showModel);
     connect(vm, &EditDetectorViewModel::detectedIsDropFrameChanged, this, &RackPanel::showModel);
@@ -262,6 +263,7 @@ RackPanel::RackPanel(std::unique_ptr<EditDetectorViewModel> model,
     videoStartField_->setValid(vm->isVideoTCValid());
     showModel();
     showErrorMessage();
+    showScanWarning();
 }
 
 RackPanel::~RackPanel()
@@ -320,29 +322,45 @@ void RackPanel::showModel()
 
 void RackPanel::showErrorMessage()
 {
-    const std::optional<std::string>& message = model_->errorMessage();
+    showAlert(errorAlert_, tr("Error"), model_->errorMessage(), [this] {
+        model_->setErrorMessage(std::nullopt);
+    });
+}
+
+void RackPanel::showScanWarning()
+{
+    showAlert(warningAlert_, tr("Scan Incomplete"), model_->scanWarning(), [this] {
+        model_->setScanWarning(std::nullopt);
+    });
+}
+
+void RackPanel::showAlert(QPointer<QMessageBox>& alert,
+                          const QString& title,
+                          const std::optional<std::string>& message,
+                          const std::function<void()>& dismiss)
+{
     if (!message) {
-        if (errorAlert_ != nullptr) {
-            errorAlert_->done(QMessageBox::Ok);
+        if (alert != nullptr) {
+            alert->done(QMessageBox::Ok);
         }
         return;
     }
     const QString text = QString::fromStdString(*message);
-    if (errorAlert_ != nullptr) {
-        errorAlert_->setText(text);
+    if (alert != nullptr) {
+        alert->setText(text);
         return;
     }
-    auto* alert = new QMessageBox(QMessageBox::Warning, tr("Error"), text, QMessageBox::Ok, this);
-    errorAlert_ = alert;
+    auto* box = new QMessageBox(QMessageBox::Warning, title, text, QMessageBox::Ok, this);
+    alert = box;
     // However the alert is closed (OK, Escape, the window's close button), the message goes.
-    connect(alert, &QDialog::finished, this, [this, alert] {
-        alert->deleteLater();
-        if (errorAlert_ == alert) {
-            errorAlert_ = nullptr;
+    connect(box, &QDialog::finished, this, [&alert, box, dismiss] {
+        box->deleteLater();
+        if (alert == box) {
+            alert = nullptr;
         }
-        model_->setErrorMessage(std::nullopt);
+        dismiss();
     });
-    alert->open();
+    box->open();
 }
 
 void RackPanel::press(RackButtonId id)

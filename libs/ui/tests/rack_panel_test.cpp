@@ -235,6 +235,37 @@ TEST_F(PanelOnClips, ScansAndExportsWhatTheCommandLineToolWrites)
     EXPECT_EQ(panel_.errorAlert(), nullptr);
 }
 
+// A file whose data ends halfway: the markers of the half read, a warning that says so, and a
+// bar that stops where the data did.
+TEST_F(PanelOnClips, ScanOfADamagedFileKeepsItsMarkersAndWarns)
+{
+    loadClip("truncated.mkv");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return panel_.button(RackButtonId::startScan)->isEnabled(); },
+                                kTimeoutMs));
+    click(RackButtonId::startScan);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !model().isProcessing(); }, kTimeoutMs));
+    EXPECT_EQ(model().errorMessage(), std::nullopt);
+    EXPECT_FALSE(model().markers().empty());
+    EXPECT_EQ(lit(), u"SelectVideo StartScan ExportMIDI fps25"_s);
+    const int lit = panel_.progressBar()->litCount();
+    EXPECT_GT(lit, 8);
+    EXPECT_LT(lit, 24);
+
+    QMessageBox* alert = panel_.warningAlert();
+    ASSERT_NE(alert, nullptr);
+    EXPECT_EQ(alert->windowTitle(), u"Scan Incomplete"_s);
+    EXPECT_TRUE(alert->text().startsWith(
+        u"The scan could not read the whole video. Only 01:00:00:00-01:00:0"_s))
+        << alert->text().toStdString();
+    EXPECT_TRUE(alert->text().endsWith(
+        u" of 01:00:00:00-01:00:13:06 could be read; cuts may be missing. The markers are those "
+        u"of what could be read."_s))
+        << alert->text().toStdString();
+    alert->done(QMessageBox::Ok);
+    EXPECT_EQ(model().scanWarning(), std::nullopt);
+    EXPECT_FALSE(model().markers().empty());
+}
+
 TEST_F(PanelOnClips, CancelPutsTheLightsOut)
 {
     // A video set on the view model directly is loaded too.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <kestrin/app/export_rules.hpp>
+#include <kestrin/app/marker_plan.hpp>
 #include <kestrin/app/timecode_validation.hpp>
 #include <kestrin/app/timer_source.hpp>
 #include <kestrin/app/video_info.hpp>
@@ -8,6 +9,7 @@
 #include <kestrin/core/error.hpp>
 #include <kestrin/core/log.hpp>
 #include <kestrin/core/progress_event.hpp>
+#include <kestrin/core/read_damage.hpp>
 #include <kestrin/media/asset.hpp>
 #include <kestrin/midi/midi_export_service.hpp>
 #include <kestrin/scan/scan_event_stream.hpp>
@@ -76,6 +78,8 @@ class EditDetectorViewModel : public QObject
     Q_PROPERTY(bool isKeyframesTrusted READ isKeyframesTrusted NOTIFY isKeyframesTrustedChanged)
     Q_PROPERTY(std::optional<std::string> errorMessage READ errorMessage WRITE setErrorMessage
                    NOTIFY errorMessageChanged)
+    Q_PROPERTY(std::optional<std::string> scanWarning READ scanWarning WRITE setScanWarning NOTIFY
+                   scanWarningChanged)
     Q_PROPERTY(std::string sessionStartDigits READ sessionStartDigits WRITE setSessionStartDigits
                    NOTIFY sessionStartDigitsChanged)
     Q_PROPERTY(std::string videoStartDigits READ videoStartDigits WRITE setVideoStartDigits NOTIFY
@@ -124,13 +128,20 @@ public:
     [[nodiscard]] bool isProcessing() const;
     /// The scan LED: lit by startScan(), put out only by the next cancelScan().
     [[nodiscard]] bool scanLEDisOn() const;
-    /// Fraction of the running scan done, 0 to 1; 1 after a successful scan.
+    /// Fraction of the running scan done, 0 to 1; 1 after a successful scan that read the whole
+    /// video. A scan with damage ends below 1, so that the bar does not claim a complete scan:
+    /// at the share of the declared duration read where the data ended early, else at 0.99.
     [[nodiscard]] double progress() const;
     /// The keyframe-trust lamp: lit while a scan in trusted-keyframe mode runs.
     [[nodiscard]] bool isKeyframesTrusted() const;
     /// The text of the error alert; present means the alert is up. The panel clears it.
     [[nodiscard]] const std::optional<std::string>& errorMessage() const;
     void setErrorMessage(const std::optional<std::string>& message);
+    /// The text of the alert after a scan that succeeded without reading the whole video (damaged
+    /// frames, data that ends early): what was read, as timecodes of the session, and what the
+    /// markers are. Present means the alert is up; the panel clears it. Cleared by startScan().
+    [[nodiscard]] const std::optional<std::string>& scanWarning() const;
+    void setScanWarning(const std::optional<std::string>& text);
     /// Session Start as typed, "00000000" at first; characters that are not numbers are ignored
     /// wherever it is read.
     [[nodiscard]] const std::string& sessionStartDigits() const;
@@ -159,10 +170,11 @@ public:
     void loadVideoInfo(const std::filesystem::path& path);
 
     /// Scans selectedURL: without one, sets errorMessage to "No video selected." and does nothing
-    /// else. Otherwise cancels the running scan, clears progress, markers and errorMessage, lights
-    /// isProcessing and scanLEDisOn, and starts the scan on a later turn of the event loop. The
-    /// scan's events move progress and isKeyframesTrusted; its end sets markers and progress 1
-    /// (success), errorMessage (failure) or nothing (cancellation), and puts out isProcessing.
+    /// else. Otherwise cancels the running scan, clears progress, markers, errorMessage and
+    /// scanWarning, lights isProcessing and scanLEDisOn, and starts the scan on a later turn of
+    /// the event loop. The scan's events move progress and isKeyframesTrusted; its end sets
+    /// markers and progress 1 (success; with damage also scanWarning, and progress below 1),
+    /// errorMessage (failure) or nothing (cancellation), and puts out isProcessing.
     void startScan();
 
     /// Makes the running scan stale and asks it to stop (without waiting for it); puts out
@@ -200,6 +212,7 @@ signals:
     void progressChanged(double progress);
     void isKeyframesTrustedChanged(bool isTrusted);
     void errorMessageChanged(const std::optional<std::string>& message);
+    void scanWarningChanged(const std::optional<std::string>& text);
     void sessionStartDigitsChanged(const std::string& digits);
     void videoStartDigitsChanged(const std::string& digits);
     void isSessionTCValidChanged(bool isValid);
@@ -229,6 +242,11 @@ private:
     void eventConsumerEnded(std::uint64_t generation);
     void scanFinished(std::uint64_t generation);
     void logScanEnd() const;
+    // The scanWarning text for `damage`, with the timecodes of the fields (of the video's own
+    // start while they are not valid).
+    [[nodiscard]] std::string damageWarning(const core::ReadDamage& damage) const;
+    // Where the bar stops after a scan with damage (see progress()).
+    [[nodiscard]] static double readFraction(const core::ReadDamage& damage);
     void videoInfoLoaded(std::uint64_t loaderId, const core::Expected<VideoInfo>& info);
 
     void setDetectedIsDropFrame(std::optional<bool> detected);
@@ -258,6 +276,7 @@ private:
     double progress_ = 0.0;
     bool isKeyframesTrusted_ = false;
     std::optional<std::string> errorMessage_;
+    std::optional<std::string> scanWarning_;
     std::string sessionStartDigits_ = "00000000";
     std::string videoStartDigits_ = "01000000";
     std::string markerName_ = std::string(kDefaultMarkerName);

@@ -2,6 +2,8 @@
 
 #include <kestrin/app/export_rules.hpp>
 #include <kestrin/core/error.hpp>
+#include <kestrin/core/media_time.hpp>
+#include <kestrin/core/read_damage.hpp>
 #include <kestrin/midi/midi_frame_rate.hpp>
 
 #include <cstdint>
@@ -32,10 +34,14 @@ struct PlannedCut
 struct MarkerPlan
 {
     midi::MIDIFrameRate rate = midi::MIDIFrameRate::Fps24;
+    /// The rate the timecodes count at (snapFrameRate of the request's).
+    float nominalFPS = 24.0F;
     bool isDropFrame = false;
     /// The two timecodes as texts (HH:MM:SS:FF, ";" before the frames under drop-frame).
     std::string sessionStart;
     std::string videoStart;
+    /// Session Start as a frame count at the rate.
+    std::int64_t sessionStartFrame = 0;
     /// Frames from Session Start to Video Start, where the video is placed: 0 or more.
     std::int64_t videoStartFrame = 0;
     /// The markers the file holds after "VIDEO START", in order: one per distinct frame above 0.
@@ -49,6 +55,38 @@ struct MarkerPlan
 /// either timecode has no frame count at the rate, and with
 /// exportError(videoStartBeforeSessionStart) when Video Start comes before Session Start.
 [[nodiscard]] core::Expected<MarkerPlan> planMarkerExport(const MarkerExport& request);
+
+/// Where `time` of the video lies on the session timeline, as a timecode text: Session Start +
+/// videoStartFrame + the frame timecodeFrameOf gives a marker at `time`.
+[[nodiscard]] std::string sessionTimecodeAt(const MarkerPlan& plan, const core::MediaTime& time);
+
+/// What a scan could not read, in the terms of the export: the stretch read as timecodes on the
+/// session timeline (so the cuts' timecodes fall inside it), and the damaged frames.
+struct DamageSummary
+{
+    std::int64_t damagedFrames = 0;
+    /// The stretch read: from the video's start to where the data ended when it ended early,
+    /// else to the declared end (empty when the file declares none).
+    std::string readFrom;
+    std::string readUntil;
+    double readSeconds = 0;
+    /// Where the video should end by the duration its file declares; absent when it does not.
+    std::optional<std::string> declaredUntil;
+    std::optional<double> declaredSeconds;
+    /// The data ended before the declared end.
+    bool isCutShort = false;
+
+    friend bool operator==(const DamageSummary&, const DamageSummary&) = default;
+};
+
+/// `damage` placed with `plan`; nothing when the scan read its video whole.
+[[nodiscard]] std::optional<DamageSummary> summarizeDamage(const core::ReadDamage& damage,
+                                                           const MarkerPlan& plan);
+
+/// The summary in words, as the warnings show it: "only 01:00:00:00-01:00:07:22 of
+/// 01:00:00:00-01:00:13:06 could be read, 1 damaged frame; cuts may be missing" (each part only
+/// when it applies).
+[[nodiscard]] std::string damageText(const DamageSummary& summary);
 
 /// The first line of every cut list; the number is the version of the format.
 inline constexpr std::string_view kCutListSignature = "# Kestrin cut list 1";

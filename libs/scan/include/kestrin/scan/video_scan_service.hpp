@@ -90,7 +90,7 @@ public:
     /// Blocks as waitForResult() does, then returns what the scan could not read of the video
     /// (ReadLedger says how it is measured): the same every call, and clean unless the scan
     /// succeeded. A scan with damage still succeeds, with the markers of what it could read.
-    [[nodiscard]] ReadDamage damage() const;
+    [[nodiscard]] core::ReadDamage damage() const;
 
 private:
     std::unique_ptr<detail::ScanJob> job_;

@@ -115,6 +115,9 @@ public:
     [[nodiscard]] RackLight* keyframeLamp() const { return keyframeLamp_; }
     /// The alert showing errorMessage; null while none is up.
     [[nodiscard]] QMessageBox* errorAlert() const { return errorAlert_; }
+    /// The alert showing scanWarning (a scan that could not read the whole video); null while
+    /// none is up.
+    [[nodiscard]] QMessageBox* warningAlert() const { return warningAlert_; }
 
 protected:
     void paintEvent(QPaintEvent* event) override;
@@ -122,6 +125,13 @@ protected:
 private:
     void showModel();
     void showErrorMessage();
+    void showScanWarning();
+    // Shows `message` in the alert `alert` points to (opening it titled `title` when none is up),
+    // or closes that alert when there is no message; closing it calls `dismiss`.
+    void showAlert(QPointer<QMessageBox>& alert,
+                   const QString& title,
+                   const std::optional<std::string>& message,
+                   const std::function<void()>& dismiss);
     void press(RackButtonId id);
     void chooseVideo();
     void exportMIDI();
@@ -142,6 +152,7 @@ private:
     ProgressLedBar* progressBar_ = nullptr;
     RackLight* keyframeLamp_ = nullptr;
     QPointer<QMessageBox> errorAlert_;
+    QPointer<QMessageBox> warningAlert_;
 
     // What the panel itself draws never changes: drawn once per device pixel ratio.
     QPixmap background_;
