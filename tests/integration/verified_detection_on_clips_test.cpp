@@ -22,6 +22,7 @@ TEST(VerifiedDetectionOnClips, EveryCutAtItsFrameInBothModes)
     const std::vector<std::string> unreadable = {"truncated.mp4",
                                                  "truncated-start.mp4",
                                                  "truncated.mkv",
+                                                 "truncated.avi",
                                                  "damaged.mkv",
                                                  "no-moov.mp4",
                                                  "random.bin",

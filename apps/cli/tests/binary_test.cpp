@@ -257,11 +257,14 @@ TEST_F(CliBinary, DamagedInputsWarnKeepTheirCutsAndExitFour)
         {"truncated.mp4", "only 01:00:00:00-01:00:07:", true},
         {"truncated-start.mp4", "only 01:00:00:00-01:00:00:", true, false},  // no cut left
         {"truncated.mkv", "only 01:00:00:00-01:00:0", true},
+        {"truncated.avi", "only 01:00:00:00-01:00:00:", true, false, "01:00:03:23"},
         {"damaged.mkv", "damaged frame", false, true, "01:00:03:23"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.clip);
         const std::string video = clip(row.clip);
+        const fs::path markers = dir_ / (fs::path(video).stem().string() + "_Markers.mid");
+        fs::remove(markers);  // truncated.mp4 and truncated.avi share one
         const Outcome human = scan({video});
         EXPECT_EQ(human.status, 4) << human.err;
         EXPECT_TRUE(human.err.starts_with("kestrin-scan: warning: " + video + ": ")) << human.err;
@@ -272,8 +275,7 @@ TEST_F(CliBinary, DamagedInputsWarnKeepTheirCutsAndExitFour)
                 << human.err;
         }
         EXPECT_TRUE(human.err.ends_with("; cuts may be missing\n")) << human.err;
-        const fs::path stem = fs::path(video).stem();
-        EXPECT_EQ(fs::exists(dir_ / (stem.string() + "_Markers.mid")), row.hasMarkerFile);
+        EXPECT_EQ(fs::exists(markers), row.hasMarkerFile);
 
         const Outcome json = scan({"--json", "--no-midi", video});
         EXPECT_EQ(json.status, 4);

@@ -7,6 +7,7 @@ extern "C" {
 #include <libavutil/intreadwrite.h>
 }
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdint>
@@ -349,8 +350,17 @@ std::optional<core::MediaTime> declaredDurationOf(const AVFormatContext& context
         return std::nullopt;
     }
     if (stream.duration != AV_NOPTS_VALUE && stream.duration > 0) {
-        const std::int64_t microseconds =
+        std::int64_t microseconds =
             av_rescale_q(stream.duration, stream.time_base, AVRational{1, AV_TIME_BASE});
+        // An AVI header counts the stream's frames. Where the index at the end of a file cut
+        // short is missing, FFmpeg measures the duration from the data left instead.
+        if (std::string_view(context.iformat->name) == "avi" && stream.nb_frames > 0
+            && isUsableRate(stream.avg_frame_rate)) {
+            microseconds = std::max(microseconds,
+                                    av_rescale_q(stream.nb_frames,
+                                                 av_inv_q(stream.avg_frame_rate),
+                                                 AVRational{1, AV_TIME_BASE}));
+        }
         return core::MediaTime::make(microseconds, AV_TIME_BASE);
     }
     if (const AVDictionaryEntry* tag = av_dict_get(stream.metadata, "DURATION", nullptr, 0)) {
