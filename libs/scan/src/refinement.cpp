@@ -259,7 +259,8 @@ core::Expected<std::vector<core::EditMarker>> refineCandidates(
     CompletionQueue queue;
     std::stop_source stopAll;
     const std::stop_callback followCaller(stopToken, [&stopAll] { stopAll.request_stop(); });
-    // One worker per running refinement, reused for the next candidate once its result is handled.
+    // One slot per running refinement: when a refinement's result is handled, its thread is joined
+    // and the slot's next thread takes the next candidate.
     // Shutdown order: request stop on stopAll, then join every slot; nothing else waits on them.
     std::vector<std::jthread> slots(std::min(static_cast<std::size_t>(std::max(width, 1)), total));
 

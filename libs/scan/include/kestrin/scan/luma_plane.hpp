@@ -46,13 +46,10 @@ private:
 /// loop as if they had no image.
 [[nodiscard]] bool isReadableFrame(const media::LumaFrame& frame);
 
-/// Copies the luma of `frame` into `plane`, keeping the plane's size. A frame of the plane's size
-/// (the normal case: readers scale to the size they were asked for) is copied row by row, honouring
-/// its row stride. A frame of any other size is resampled with a box filter: each destination
-/// sample is the rounded mean of the source samples whose positions map onto it (the nearest one
-/// when enlarging). Returns false, leaving `plane` untouched, when the frame is not readable
-/// (isReadableFrame). Allocates nothing; cost: one pass over the plane, or over the frame when it
-/// must be resampled.
+/// Copies the luma of `frame` into `plane`, row by row, honouring the frame's row stride. Returns
+/// false, leaving `plane` untouched, when the frame is not readable (isReadableFrame) or not of the
+/// plane's size (readers deliver the size they are asked for, so that would be a reader's fault).
+/// Allocates nothing; cost: one pass over the plane.
 bool extractLumaPlane(const media::LumaFrame& frame, LumaPlane& plane);
 
 }  // namespace kestrin::scan
