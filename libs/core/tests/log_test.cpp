@@ -33,14 +33,5 @@ TEST(ShortestDecimal, RoundTripsAndKeepsAFraction)
     }
 }
 
-TEST(Log, DeliversWholeLinesToItsSink)
-{
-    std::vector<std::string> lines;
-    const Log log([&lines](std::string_view line) { lines.emplace_back(line); });
-    log.line("first");
-    log.line("second line");
-    EXPECT_EQ(lines, (std::vector<std::string>{"first", "second line"}));
-}
-
 }  // namespace
 }  // namespace kestrin::core

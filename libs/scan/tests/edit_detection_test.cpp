@@ -8,6 +8,7 @@
 #include <functional>
 #include <limits>
 #include <mutex>
+#include <string>
 #include <tuple>
 #include <vector>
 
@@ -25,12 +26,26 @@ using Outcome = Expected<std::optional<EditMarker>>;
 
 const core::Error kFault{"FFmpeg", -5, "Input/output error"};
 
-// Equal values, or equal errors.
+// An outcome as a failure message shows it.
 template <typename T>
-bool sameOutcome(const Expected<T>& actual, const Expected<T>& expected)
+std::string describe(const Expected<T>& outcome)
 {
-    return actual.hasValue() == expected.hasValue()
-           && (actual ? *actual == *expected : actual.error() == expected.error());
+    return outcome
+               ? "the value " + testing::PrintToString(*outcome)
+               : "the error " + outcome.error().domain + " " + std::to_string(outcome.error().code)
+                     + " \"" + outcome.error().description + "\"";
+}
+
+// Equal values, or equal errors; the message shows both when they differ.
+template <typename T>
+testing::AssertionResult sameOutcome(const Expected<T>& actual, const Expected<T>& expected)
+{
+    if (actual.hasValue() == expected.hasValue()
+        && (actual ? *actual == *expected : actual.error() == expected.error())) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure()
+           << "got " << describe(actual) << ", expected " << describe(expected);
 }
 
 // Markers at `frames` of a 25 fps track.

@@ -25,25 +25,6 @@ TEST(Art, EveryImageLoadsAtTwiceItsSize)
         EXPECT_EQ(pixmap.size(), pixels) << name.toStdString();
         EXPECT_EQ(pixmap.devicePixelRatio(), 2.0) << name.toStdString();
     }
-}
-
-TEST(Art, SizesAreThePanels)
-{
-    // One image of each kind, with the size the panel draws it at and its pixels.
-    const std::tuple<QString, QSizeF, QSize> rows[] = {
-        {u"backplate14"_s, {840, 420}, {1680, 840}},
-        {u"SessionStart"_s, {129, 22}, {258, 44}},
-        {u"Logo04"_s, {231, 74}, {462, 148}},
-        {u"led_off"_s, {11, 37}, {22, 74}},
-        {u"ExportMIDI_ON"_s, {83.5, 83.5}, {167, 167}},
-        {u"fps5994_OFF"_s, {56.4, 27.6}, {113, 55}},
-        {u"fpsNDF_ON"_s, {56.4, 27.6}, {113, 55}},
-        {u"keyframeLED2_ON"_s, {21, 21}, {42, 42}},
-    };
-    for (const auto& [name, points, pixels] : rows) {
-        EXPECT_EQ(artSize(name), points) << name.toStdString();
-        EXPECT_EQ(artPixmap(name).size(), pixels) << name.toStdString();
-    }
     EXPECT_TRUE(artPixmap(u"backplate"_s).isNull());
     EXPECT_TRUE(artSize(u"backplate"_s).isEmpty());
 }
