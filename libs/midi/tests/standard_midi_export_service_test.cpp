@@ -1,6 +1,5 @@
 #include <kestrin/core/safe_file.hpp>
 #include <kestrin/midi/standard_midi_export_service.hpp>
-#include <kestrin/midi/temporary_file.hpp>
 
 #include <gtest/gtest.h>
 
@@ -79,14 +78,14 @@ Bytes goldenFile(const char* name)
     return {std::istreambuf_iterator<char>(golden), {}};
 }
 
-TEST_F(StandardMIDIExport, WorkedExampleRoundTripsThroughATemporaryFile)
+TEST_F(StandardMIDIExport, WorkedExampleIsTheGoldenFileInEitherLayout)
 {
     const core::Expected<Bytes> file =
-        exportWorkedExample(StandardMIDIExportService(MarkerFileLayout::Plain, directory_));
+        exportWorkedExample(StandardMIDIExportService(MarkerFileLayout::Plain));
     ASSERT_TRUE(file.hasValue()) << file.error().description;
     EXPECT_TRUE(bytesEqual(goldenFile("worked_example_25fps.mid"), *file));
 
-    StandardMIDIExportService workstation(MarkerFileLayout::Workstation, directory_);
+    StandardMIDIExportService workstation(MarkerFileLayout::Workstation);
     const std::vector<std::string> names = {"VIDEO START", "Cut 1"};
     const core::Expected<Bytes> named =
         workstation.exportNamedMarkerFile({100}, MIDIFrameRate::Fps25, 250, names);
@@ -96,56 +95,11 @@ TEST_F(StandardMIDIExport, WorkedExampleRoundTripsThroughATemporaryFile)
                   .error()
                   .code,
               kNameCountCode);
-    EXPECT_TRUE(fs::is_empty(directory_)) << "a file was left behind";
-}
-
-TEST_F(StandardMIDIExport, FailuresAreErrorValuesAndLeaveNoFile)
-{
-    std::ofstream(directory_ / "regular") << 'x';
-    const fs::path missing = directory_ / "missing";
-    const fs::path notADirectory = directory_ / "regular" / "sub";
-    const std::tuple<fs::path, std::size_t, std::string, int, std::vector<std::string>> rows[] = {
-        {missing, 1, "POSIX", ENOENT, {missing.string(), std::strerror(ENOENT)}},
-        {notADirectory, 1, "POSIX", ENOTDIR, {notADirectory.string(), std::strerror(ENOTDIR)}},
-        // Only a check made before the missing directory is touched can give this error.
-        {missing, 300, "MIDI", kTextTooLongCode, {"300 bytes"}},
-    };
-    for (const auto& [temporaryDirectory, nameLength, domain, code, mentions] : rows) {
-        const core::Expected<Bytes> file = exportWorkedExample(
-            StandardMIDIExportService(MarkerFileLayout::Plain, temporaryDirectory),
-            std::string(nameLength, 'x'));
-        ASSERT_FALSE(file.hasValue()) << temporaryDirectory;
-        EXPECT_EQ(file.error().domain, domain);
-        EXPECT_EQ(file.error().code, code);
-        for (const std::string& mention : mentions) {
-            EXPECT_NE(file.error().description.find(mention), std::string::npos)
-                << file.error().description;
-        }
-    }
-
-    // The user's temporary directory, looked up at export, fails the same way.
-    const char* previous = std::getenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe)
-    const std::string saved = previous != nullptr ? previous : "";
-    // NOLINTNEXTLINE(concurrency-mt-unsafe)
-    ::setenv("TMPDIR", notADirectory.c_str(), 1);
-    const core::Expected<Bytes> file = exportWorkedExample(StandardMIDIExportService());
-    // NOLINTNEXTLINE(concurrency-mt-unsafe)
-    previous != nullptr ? ::setenv("TMPDIR", saved.c_str(), 1) : ::unsetenv("TMPDIR");
-    ASSERT_FALSE(file.hasValue());
-    EXPECT_EQ(file.error().code, ENOTDIR);
-    EXPECT_NE(file.error().description.find("temporary directory"), std::string::npos);
-}
-
-TEST(MIDITemporaryFileName, RandomVersionFourUUIDInUppercase)
-{
-    std::array<std::uint8_t, 16> ones{};
-    ones.fill(0xFF);
-    EXPECT_EQ(uuidText(ones), "FFFFFFFF-FFFF-4FFF-BFFF-FFFFFFFFFFFF");
-    EXPECT_EQ(uuidText({}), "00000000-0000-4000-8000-000000000000");
-    const core::Expected<std::string> first = randomUUIDText();
-    const core::Expected<std::string> second = randomUUIDText();
-    ASSERT_TRUE(first.hasValue() && second.hasValue());
-    EXPECT_NE(*first, *second);
+    const core::Expected<Bytes> tooLong =
+        exportWorkedExample(StandardMIDIExportService(), std::string(300, 'x'));
+    ASSERT_FALSE(tooLong.hasValue());
+    EXPECT_EQ(tooLong.error().code, kTextTooLongCode);
+    EXPECT_NE(tooLong.error().description.find("300 bytes"), std::string::npos);
 }
 
 // What `command` prints for the file at `path`.
@@ -195,7 +149,7 @@ TEST_F(StandardMIDIExport, IndependentReadersSeeTempoTrackNameAndEveryMarker)
          "control_change 0 \n"},
     };
     for (const Row& row : rows) {
-        StandardMIDIExportService service(row.layout, directory_);
+        StandardMIDIExportService service(row.layout);
         const core::Expected<Bytes> file = service.exportMarkerFile(
             {200, 3, 17982}, MIDIFrameRate::Fps2997NonDrop, "Schnitt ä", "VIDEO START", 107892, 1);
         ASSERT_TRUE(file.hasValue()) << file.error().description;

@@ -28,8 +28,8 @@ public:
     /// lands on it instead. The first marker's text is `firstMarkerName`, or `markerName` when that
     /// is absent or empty; all later markers carry `markerName`. Texts are UTF-8.
     ///
-    /// Fails with the error that kept the file from being made: a text the file cannot hold, or a
-    /// failure of the file system. Never throws.
+    /// Fails with the error that kept the file from being made: a text the file cannot hold. Never
+    /// throws.
     [[nodiscard]] virtual core::Expected<std::vector<std::uint8_t>> exportMarkerFile(
         const std::vector<std::int64_t>& frameDeltas,
         MIDIFrameRate rate,
