@@ -175,9 +175,8 @@ core::Expected<std::vector<core::EditMarker>> detectEditsByDecoding(
         return rate.error();
     }
 
-    // Never decreasing across the pass and the refinements. Where detection ends early it is
-    // raised to where the pass or the refinements would have taken it, without a report: the
-    // caller reports the end of the scan.
+    // The progress reported last, so that the refinements never report less than the pass did.
+    // The caller reports the end of the scan, also where detection ends early.
     double lastProgress = 0.0;
     SignaturePassState pass(sampleStrideForRate(*rate));
     if (auto status = scoreSignatures(
@@ -186,14 +185,12 @@ core::Expected<std::vector<core::EditMarker>> detectEditsByDecoding(
         return status.error();
     }
     if (pass.scoresInOrder.size() < kMinimumScores) {
-        lastProgress = std::max(lastProgress, kSignatureWeight);
         return std::vector<core::EditMarker>{};
     }
 
     const std::vector<Candidate> candidates = suppressNearbyCandidates(
         pickCandidates(pass.scoresByFrame, pass.scoresInOrder, *duration), kSuppressionRadius);
     if (candidates.empty()) {
-        lastProgress = std::max(lastProgress, 1.0);
         return std::vector<core::EditMarker>{};
     }
     std::vector<std::int64_t> candidateFrames;
@@ -232,7 +229,6 @@ core::Expected<std::vector<core::EditMarker>> detectEditsByDecoding(
     if (!refined) {
         return refined.error();
     }
-    lastProgress = std::max(lastProgress, 1.0);
     return mergeNearbyMarkers(std::move(*refined), kMergeDistance);
 }
 
