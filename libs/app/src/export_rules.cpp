@@ -1,5 +1,6 @@
 #include <kestrin/app/export_rules.hpp>
 #include <kestrin/app/marker_plan.hpp>
+#include <kestrin/core/wide_math.hpp>
 #include <kestrin/timecode/timecode.hpp>
 
 #include <algorithm>
@@ -12,8 +13,6 @@ bool within(float rate, float named, float tolerance)
 {
     return std::fabs(rate - named) < tolerance;
 }
-
-__extension__ using Int128 = __int128;
 
 constexpr float kDropFrameTolerance = 0.002F;
 constexpr float kRateTolerance = 0.01F;
@@ -68,14 +67,12 @@ std::int64_t timecodeFrameOf(const core::EditMarker& marker, float nominalFPS)
     const bool isFractional = std::fabs(rate - static_cast<float>(base)) > kRateTolerance;
     // frames = value x base x 1000 / (timescale x 1001) for the fractional rates, else
     // value x base / timescale; rounded half away from zero, in 128 bits as times can be long.
+    using core::Int128;
     const Int128 numerator =
         static_cast<Int128>(marker.time.value) * base * (isFractional ? 1000 : 1);
     const Int128 denominator =
         static_cast<Int128>(marker.time.timescale) * (isFractional ? 1001 : 1);
-    const Int128 half = denominator / 2;
-    const Int128 frames =
-        numerator >= 0 ? (numerator + half) / denominator : -((-numerator + half) / denominator);
-    return static_cast<std::int64_t>(frames);
+    return static_cast<std::int64_t>(core::divideRoundingToNearest(numerator, denominator));
 }
 
 std::optional<std::int64_t> videoStartOffsetFrames(float nominalFPS,

@@ -1,5 +1,6 @@
 #include <kestrin/core/hash_builder.hpp>
 #include <kestrin/core/media_time.hpp>
+#include <kestrin/core/wide_math.hpp>
 
 #include <cmath>
 #include <cstdint>
@@ -10,8 +11,6 @@ namespace kestrin::core {
 namespace {
 
 // 128-bit products keep every comparison and sum exact for 64-bit values and 32-bit timescales.
-__extension__ using Int128 = __int128;
-
 constexpr Int128 kInt64Max = std::numeric_limits<std::int64_t>::max();
 constexpr Int128 kInt64Min = std::numeric_limits<std::int64_t>::min();
 constexpr Int128 kInt32Max = std::numeric_limits<std::int32_t>::max();
@@ -51,13 +50,6 @@ Int128 gcd128(Int128 a, Int128 b)
         b = r;
     }
     return a;
-}
-
-// numerator / denominator rounded to the nearest integer, halves away from zero (denominator > 0).
-Int128 divideRounded(Int128 numerator, Int128 denominator)
-{
-    const Int128 half = denominator / 2;
-    return numerator >= 0 ? (numerator + half) / denominator : (numerator - half) / denominator;
 }
 
 // A finite time from a 128-bit value, or the infinity of its sign when it does not fit.
@@ -202,7 +194,8 @@ MediaTime MediaTime::multipliedByRatio(std::int32_t multiplier, std::int32_t div
                          kValid | (flags & kHasBeenRounded),
                          epoch};
     }
-    MediaTime result = saturated(divideRounded(numerator, denominator), timescale, kHasBeenRounded);
+    MediaTime result =
+        saturated(divideRoundingToNearest(numerator, denominator), timescale, kHasBeenRounded);
     result.epoch = result.isNumeric() ? epoch : 0;
     return result;
 }
@@ -289,7 +282,7 @@ MediaTime operator+(const MediaTime& a, const MediaTime& b)
     const Int128 common2 = gcd128(exactNumerator, denominator);
     const Int128 reducedNumerator = exactNumerator / (common2 == 0 ? 1 : common2);
     const Int128 reducedDenominator = denominator / (common2 == 0 ? 1 : common2);
-    const Int128 scaled = divideRounded(reducedNumerator * target, reducedDenominator);
+    const Int128 scaled = divideRoundingToNearest(reducedNumerator * target, reducedDenominator);
     const bool exact = (reducedNumerator * target) % reducedDenominator == 0;
     MediaTime result =
         saturated(scaled, target, roundedFlag(a, b) | (exact ? 0U : MediaTime::kHasBeenRounded));

@@ -2,6 +2,8 @@
 
 #include "local_file_input.hpp"
 
+#include <kestrin/core/wide_math.hpp>
+
 #include <array>
 #include <limits>
 #include <string>
@@ -60,34 +62,17 @@ void PacketDeleter::operator()(AVPacket* packet) const
 
 namespace {
 
+using core::Int128;
+using core::divideRoundingDown;
+using core::divideRoundingToNearest;
+using core::fitsInt64;
+
 // Called by FFmpeg from inside blocking I/O; a non-zero result makes that I/O fail with
 // AVERROR_EXIT.
 int interruptCallback(void* opaque)
 {
     const auto* interrupt = static_cast<const Interrupt*>(opaque);
     return (interrupt->isAbandoned || interrupt->stopToken.stop_requested()) ? 1 : 0;
-}
-
-// Products of a 64-bit stamp and two 32-bit rates need more than 64 bits.
-__extension__ typedef __int128 Wide;  // NOLINT(modernize-use-using)
-
-Wide divideRoundingToNearest(Wide numerator, Wide denominator)
-{
-    // Halves away from zero; denominator > 0.
-    const Wide half = denominator / 2;
-    return numerator >= 0 ? (numerator + half) / denominator : -((-numerator + half) / denominator);
-}
-
-Wide divideRoundingDown(Wide numerator, Wide denominator)
-{
-    const Wide quotient = numerator / denominator;
-    return (numerator % denominator != 0 && numerator < 0) ? quotient - 1 : quotient;
-}
-
-bool fitsInt64(Wide value)
-{
-    return value >= std::numeric_limits<std::int64_t>::min()
-           && value <= std::numeric_limits<std::int64_t>::max();
 }
 
 }  // namespace
@@ -145,20 +130,20 @@ core::MediaTime TrackTiming::timeOf(std::int64_t stamp) const
     if (stamp == AV_NOPTS_VALUE || timeBase.num <= 0 || timeBase.den <= 0) {
         return core::MediaTime::invalid();
     }
-    const Wide relative = static_cast<Wide>(stamp) - origin;
+    const Int128 relative = static_cast<Int128>(stamp) - origin;
     if (hasFrameGrid()) {
         // All three quantities in units of 1 / (timeBase.den x frameDurationTimescale) seconds.
-        const Wide position = relative * timeBase.num * frameDurationTimescale;
-        const Wide frame = static_cast<Wide>(timeBase.den) * frameDurationValue;
-        const Wide tick = static_cast<Wide>(timeBase.num) * frameDurationTimescale;
-        const Wide frameNumber = divideRoundingToNearest(position, frame);
-        const Wide offset = position - frameNumber * frame;
-        const Wide value = frameNumber * frameDurationValue;
+        const Int128 position = relative * timeBase.num * frameDurationTimescale;
+        const Int128 frame = static_cast<Int128>(timeBase.den) * frameDurationValue;
+        const Int128 tick = static_cast<Int128>(timeBase.num) * frameDurationTimescale;
+        const Int128 frameNumber = divideRoundingToNearest(position, frame);
+        const Int128 offset = position - frameNumber * frame;
+        const Int128 value = frameNumber * frameDurationValue;
         if ((offset < 0 ? -offset : offset) < tick && fitsInt64(value)) {
             return core::MediaTime::make(static_cast<std::int64_t>(value), frameDurationTimescale);
         }
     }
-    const Wide value = relative * timeBase.num;
+    const Int128 value = relative * timeBase.num;
     if (!fitsInt64(value)) {
         return value > 0 ? core::MediaTime::positiveInfinity()
                          : core::MediaTime::negativeInfinity();
@@ -171,9 +156,9 @@ std::int64_t TrackTiming::stampAtOrBefore(const core::MediaTime& time) const
     if (!time.isNumeric() || timeBase.num <= 0) {
         return origin;
     }
-    const Wide stamp = divideRoundingDown(static_cast<Wide>(time.value) * timeBase.den,
-                                          static_cast<Wide>(time.timescale) * timeBase.num)
-                       + origin;
+    const Int128 stamp = divideRoundingDown(static_cast<Int128>(time.value) * timeBase.den,
+                                            static_cast<Int128>(time.timescale) * timeBase.num)
+                         + origin;
     return fitsInt64(stamp) ? static_cast<std::int64_t>(stamp) : origin;
 }
 
@@ -190,8 +175,8 @@ std::optional<std::int64_t> TrackTiming::frameIndexOf(const core::MediaTime& tim
         return std::nullopt;
     }
     // time = index x frameDurationValue / frameDurationTimescale exactly.
-    const Wide numerator = static_cast<Wide>(time.value) * frameDurationTimescale;
-    const Wide denominator = static_cast<Wide>(time.timescale) * frameDurationValue;
+    const Int128 numerator = static_cast<Int128>(time.value) * frameDurationTimescale;
+    const Int128 denominator = static_cast<Int128>(time.timescale) * frameDurationValue;
     if (numerator % denominator != 0 || !fitsInt64(numerator / denominator)) {
         return std::nullopt;
     }
@@ -203,9 +188,9 @@ std::int64_t TrackTiming::frameStepInStamps() const
     if (frameDurationValue <= 0 || timeBase.num <= 0 || frameDurationTimescale <= 0) {
         return 1;
     }
-    const Wide step =
-        divideRoundingToNearest(static_cast<Wide>(frameDurationValue) * timeBase.den,
-                                static_cast<Wide>(frameDurationTimescale) * timeBase.num);
+    const Int128 step =
+        divideRoundingToNearest(static_cast<Int128>(frameDurationValue) * timeBase.den,
+                                static_cast<Int128>(frameDurationTimescale) * timeBase.num);
     return step >= 1 && fitsInt64(step) ? static_cast<std::int64_t>(step) : 1;
 }
 

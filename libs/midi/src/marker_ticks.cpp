@@ -1,3 +1,4 @@
+#include <kestrin/core/wide_math.hpp>
 #include <kestrin/midi/marker_ticks.hpp>
 
 #include <algorithm>
@@ -7,7 +8,7 @@ namespace kestrin::midi {
 
 namespace {
 
-__extension__ typedef __int128 Int128;  // NOLINT(modernize-use-using): __extension__ needs typedef
+using core::Int128;
 
 // The running sum of a list of 64-bit values cannot leave 128 bits (a vector holds fewer than 2^61
 // elements), but the sum times a numerator could. No real list comes near 2^100 frames, so the sum
