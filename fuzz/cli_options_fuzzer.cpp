@@ -60,12 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           "timecodes kept as one to eight ASCII digits");
     check(scan::findDetector(options.detector).has_value(), "a detector that exists");
     if (options.rate) {
-        check(*options.rate > 0.0F
-                  && std::find(app::kSupportedFrameRates.begin(),
-                               app::kSupportedFrameRates.end(),
-                               *options.rate)
-                         != app::kSupportedFrameRates.end(),
-              "a rate snapped to a supported one");
+        check(core::standardFrameRateRow(*options.rate).has_value(),
+              "a rate snapped to a standard one");
         // What the command line accepted at its rate, the export counts there.
         const app::DropFrameSources dropFrame{options.dropFrame, std::nullopt};
         check(app::videoStartOffsetFrames(

@@ -116,7 +116,7 @@ void checkFile(const std::vector<std::uint8_t>& file,
     if (isWorkstation) {
         reader.expectBytes({0, 0xFF, 0x7F, 14, 0x7D, 'K', 'e', 's', 't', 'r', 'i', 'n', 1},
                            "the frame-rate event");
-        const FrameRateRatio fps = framesPerSecond(rate);
+        const kestrin::core::FrameRate fps = framesPerSecond(rate);
         check(reader.takeBigEndian(2) == static_cast<std::uint64_t>(fps.numerator), "rate");
         check(reader.takeBigEndian(2) == static_cast<std::uint64_t>(fps.denominator), "rate");
         reader.expectBytes({static_cast<std::uint8_t>(isDropFrame(rate) ? 1 : 0)}, "drop-frame");

@@ -1,7 +1,8 @@
 // The timecode rules on any digit string, timecode text, frame and rate: no input may crash them,
 // and the round trips the rules promise must hold.
 //
-// Input: a flags byte, a rate, a frame, a nominal rate as a float's bits, then the text.
+// Input: a flags byte, a rate, a frame, a nominal rate as a float's bits (snapped to a standard
+// rate, as every rate that reaches these functions is), then the text.
 
 #include "fuzz_input.hpp"
 
@@ -70,7 +71,8 @@ void checkFrameRoundTrip(std::int64_t frame, int fps, FrameCounting counting)
     check(timecodeFrameCount(digits, fps, counting) == expected, "frame -> text -> frame");
     // Validity counts drop-frame over sixty at a base of exactly 60, the count from 60 on.
     if (counting == FrameCounting::NonDrop || fps <= 60) {
-        check(isValidTimecodeDigits(digits, counting, static_cast<float>(fps)), "a valid label");
+        check(isValidTimecodeDigits(digits, counting, kestrin::core::FrameRate{fps, 1}),
+              "a valid label");
     }
     check(timecodeDisplayString(digits, counting) == *text, "the digits display as the text");
     if (counting == FrameCounting::DropFrame) {
@@ -82,11 +84,13 @@ void checkFrameRoundTrip(std::int64_t frame, int fps, FrameCounting counting)
 // A valid digit string of ASCII digits counts as a frame whose text is the string's display.
 // (Validity reads drop-frame over sixty at a frame base of exactly 60, the count from 60 on, so
 // drop-frame bases above 60, which no rate in use has, are left out.)
-void checkDigitsRoundTrip(std::string_view digits, FrameCounting counting, float nominalFps)
+void checkDigitsRoundTrip(std::string_view digits,
+                          FrameCounting counting,
+                          kestrin::core::FrameRate rate)
 {
-    const bool isValid = isValidTimecodeDigits(digits, counting, nominalFps);
-    const int base = formatterFrameBase(nominalFps);
-    check(base >= 1, "a frame base of at least 1");
+    const bool isValid = isValidTimecodeDigits(digits, counting, rate);
+    const int base = rate.timecodeBase();
+    check(!isValid || base >= 1, "valid only at a frame base of at least 1");
     const int maxBase = counting == FrameCounting::DropFrame ? 60 : 99;
     if (!isValid || !isAsciiDigits(digits) || base > maxBase) {
         return;
@@ -145,8 +149,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     check(numericOnly(numeric) == numeric, "numericOnly keeps only numerals");
     for (const FrameCounting counting : {FrameCounting::NonDrop, FrameCounting::DropFrame}) {
         checkFrameRoundTrip(frame, fps, counting);
-        checkDigitsRoundTrip(text, counting, nominalFps);
-        checkDigitsRoundTrip(text, counting, static_cast<float>(fps));
+        checkDigitsRoundTrip(text, counting, kestrin::core::standardFrameRate(nominalFps));
+        checkDigitsRoundTrip(text, counting, kestrin::core::FrameRate{fps, 1});
         // The display and the count read the numerals of any text.
         const std::string shown = timecodeDisplayString(text, counting);
         check(shown == timecodeDisplayString(numeric, counting), "display of the numerals only");

@@ -27,8 +27,8 @@ std::optional<double> parseNumber(std::string_view text)
     return value;
 }
 
-// "25", "29.97" or "30000/1001", snapped to a supported rate.
-std::optional<float> parseRate(std::string_view text)
+// "25", "29.97" or "30000/1001", snapped to a standard rate.
+std::optional<core::FrameRate> parseRate(std::string_view text)
 {
     const std::size_t slash = text.find('/');
     std::optional<double> rate = parseNumber(text.substr(0, slash));
@@ -39,7 +39,7 @@ std::optional<float> parseRate(std::string_view text)
     if (!rate || *rate <= 0 || *rate > 1000) {
         return std::nullopt;
     }
-    return app::snapFrameRate(static_cast<float>(*rate));
+    return core::standardFrameRate(static_cast<float>(*rate));
 }
 
 // The digits of a timecode option's text: one to eight ASCII digits, which separators (":", ";",
@@ -76,7 +76,7 @@ bool Options::isDataOnStandardOutput() const
     return output == kStandardOutput || cutList == kStandardOutput;
 }
 
-bool isTimecodeAt(std::string_view digits, float rate, bool dropFrame)
+bool isTimecodeAt(std::string_view digits, core::FrameRate rate, bool dropFrame)
 {
     return timecode::isValidTimecodeDigits(
         digits,
@@ -196,7 +196,7 @@ core::Expected<Options> parseOptions(std::span<const std::string_view> args)
 
     // Checked against the rate in force: --rate when given; otherwise only what holds at every
     // rate, the rest once each video's rate is known.
-    const float rate = options.rate.value_or(60.0F);
+    const core::FrameRate rate = options.rate.value_or(core::kFps60);
     const bool dropFrame =
         options.rate && app::effectiveDropFrame(rate, {options.dropFrame, std::nullopt});
     for (const TimecodeOption& option : timecodes) {

@@ -2,6 +2,7 @@
 
 #include <kestrin/app/export_rules.hpp>
 #include <kestrin/core/error.hpp>
+#include <kestrin/core/frame_rate.hpp>
 #include <kestrin/midi/midi_file_writer.hpp>
 #include <kestrin/scan/detector.hpp>
 
@@ -21,8 +22,8 @@ struct Options
     /// Digit strings (numeric characters only, at most eight), as the export takes them.
     std::string sessionStartDigits = "00000000";
     std::string videoStartDigits = "01000000";
-    std::optional<float> rate;      ///< --rate, snapped; absent: the file's rate
-    std::optional<bool> dropFrame;  ///< --drop-frame / --non-drop-frame
+    std::optional<core::FrameRate> rate;  ///< --rate, snapped; absent: the file's rate
+    std::optional<bool> dropFrame;        ///< --drop-frame / --non-drop-frame
     /// -o: where the MIDI file goes; kStandardOutput for standard output.
     std::optional<std::filesystem::path> output;
     bool writeMIDI = true;
@@ -57,6 +58,6 @@ inline constexpr std::string_view kStandardOutput = "-";
 
 /// Whether the timecode text of --session-start or --video-start (its digits, see Options) names
 /// a timecode at `rate` with `dropFrame` counting.
-[[nodiscard]] bool isTimecodeAt(std::string_view digits, float rate, bool dropFrame);
+[[nodiscard]] bool isTimecodeAt(std::string_view digits, core::FrameRate rate, bool dropFrame);
 
 }  // namespace kestrin::cli

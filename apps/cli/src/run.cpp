@@ -87,9 +87,9 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
         report.error = info.error();
         return report;
     }
-    const float rate = options_.rate.value_or(info->nominalFPS.value_or(25.0F));
+    const core::FrameRate rate = options_.rate.value_or(info->frameRate.value_or(core::kFps25));
     const app::DropFrameSources dropSources{options_.dropFrame, info->detectedIsDropFrame};
-    report.nominalFPS = rate;
+    report.nominalFPS = core::standardFrameRateRow(rate)->nominal;
     report.dropFrame = app::effectiveDropFrame(rate, dropSources);
     for (const auto& [name, digits] : {std::pair{"--session-start", options_.sessionStartDigits},
                                        std::pair{"--video-start", options_.videoStartDigits}}) {
@@ -97,7 +97,7 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
             report.error = core::Error{"usage",
                                        2,
                                        std::string(name) + " is not a valid timecode at "
-                                           + std::to_string(app::integerFrameRate(rate)) + " fps"
+                                           + std::to_string(rate.timecodeBase()) + " fps"
                                            + (report.dropFrame ? " drop-frame" : "")};
             return report;
         }
@@ -121,7 +121,7 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
     }
 
     const app::MarkerExport request{.markers = *markers,
-                                    .nominalFPS = rate,
+                                    .rate = rate,
                                     .dropFrame = dropSources,
                                     .sessionStartDigits = options_.sessionStartDigits,
                                     .videoStartDigits = options_.videoStartDigits,
@@ -131,7 +131,7 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
         report.error = plan.error();
         return report;
     }
-    const int base = app::integerFrameRate(rate);
+    const int base = rate.timecodeBase();
     const auto counting =
         report.dropFrame ? timecode::FrameCounting::DropFrame : timecode::FrameCounting::NonDrop;
     const std::int64_t sessionStart =

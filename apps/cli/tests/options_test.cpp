@@ -28,7 +28,7 @@ TEST(CliOptions, TimecodeFormsKeepTheirDigits)
     ASSERT_TRUE(options.hasValue()) << options.error().description;
     EXPECT_EQ(options->sessionStartDigits, "00595000");
     EXPECT_EQ(options->videoStartDigits, "01000002");
-    EXPECT_FLOAT_EQ(*options->rate, 29.97F);
+    EXPECT_EQ(options->rate, core::kFps2997);
     EXPECT_EQ(parse({"--video-start", "1000", "a.mov"})->videoStartDigits, "1000");
     EXPECT_EQ(parse({"--video-start", "01.00 00.01", "a.mov"})->videoStartDigits, "01000001");
     // Starting together is fine; the flags at the rates where counting is a choice too.

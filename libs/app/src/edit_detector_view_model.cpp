@@ -91,20 +91,20 @@ void EditDetectorViewModel::setSelectedURL(const std::optional<std::filesystem::
     emit selectedURLChanged(selectedURL_);
 }
 
-float EditDetectorViewModel::nominalFPS() const
+core::FrameRate EditDetectorViewModel::nominalFPS() const
 {
     return nominalFPS_;
 }
 
-void EditDetectorViewModel::setNominalFPS(float fps)
+void EditDetectorViewModel::setNominalFPS(core::FrameRate rate)
 {
-    if (fps == nominalFPS_) {
+    if (rate == nominalFPS_) {
         return;
     }
-    nominalFPS_ = fps;
-    emit nominalFPSChanged(fps);
-    sessionValidation_->rateChanged(fps);
-    videoValidation_->rateChanged(fps);
+    nominalFPS_ = rate;
+    emit nominalFPSChanged(rate);
+    sessionValidation_->rateChanged(rate);
+    videoValidation_->rateChanged(rate);
 }
 
 std::optional<bool> EditDetectorViewModel::detectedIsDropFrame() const
@@ -321,7 +321,7 @@ bool EditDetectorViewModel::isDropFrame() const
     return effectiveDropFrame(nominalFPS_);
 }
 
-bool EditDetectorViewModel::effectiveDropFrame(float rate) const
+bool EditDetectorViewModel::effectiveDropFrame(core::FrameRate rate) const
 {
     return app::effectiveDropFrame(rate, dropFrameSources());
 }
@@ -335,7 +335,7 @@ void EditDetectorViewModel::revalidateTimecodes()
 core::Expected<std::vector<std::uint8_t>> EditDetectorViewModel::makeMIDIData()
 {
     const MarkerExport request{.markers = markers_,
-                               .nominalFPS = nominalFPS_,
+                               .rate = nominalFPS_,
                                .dropFrame = dropFrameSources(),
                                .sessionStartDigits = sessionStartDigits_,
                                .videoStartDigits = videoStartDigits_,
@@ -372,8 +372,8 @@ void EditDetectorViewModel::videoInfoLoaded(std::uint64_t loaderId,
         setDetectedIsDropFrame(std::nullopt);
         return;
     }
-    if (info->nominalFPS) {
-        setNominalFPS(*info->nominalFPS);
+    if (info->frameRate) {
+        setNominalFPS(*info->frameRate);
     }
     setDetectedIsDropFrame(info->detectedIsDropFrame);
 }
@@ -547,7 +547,7 @@ void EditDetectorViewModel::scanFinished(std::uint64_t generation)
 std::string EditDetectorViewModel::damageWarning(const core::ReadDamage& damage) const
 {
     MarkerExport request{.markers = {},
-                         .nominalFPS = nominalFPS_,
+                         .rate = nominalFPS_,
                          .dropFrame = dropFrameSources(),
                          .sessionStartDigits = sessionStartDigits_,
                          .videoStartDigits = videoStartDigits_,

@@ -34,9 +34,9 @@ std::string sessionTimecodeAt(const MarkerPlan& plan, const core::MediaTime& tim
 {
     const core::EditMarker at{.frameIndex = 0, .time = time, .confidence = {}};
     const std::int64_t frame =
-        plan.sessionStartFrame + plan.videoStartFrame + timecodeFrameOf(at, plan.nominalFPS);
+        plan.sessionStartFrame + plan.videoStartFrame + timecodeFrameOf(at, plan.frameRate);
     return timecode::timecodeTextForFrame(frame,
-                                          integerFrameRate(plan.nominalFPS),
+                                          plan.frameRate.timecodeBase(),
                                           plan.isDropFrame ? timecode::FrameCounting::DropFrame
                                                            : timecode::FrameCounting::NonDrop)
         .value_or("");
@@ -83,8 +83,8 @@ std::string damageText(const DamageSummary& summary)
 
 core::Expected<MarkerPlan> planMarkerExport(const MarkerExport& request)
 {
-    const float rate = snapFrameRate(request.nominalFPS);
-    const int base = integerFrameRate(rate);
+    const core::FrameRate rate = request.rate;
+    const int base = rate.timecodeBase();
     const bool isDropFrame = effectiveDropFrame(rate, request.dropFrame);
     const auto counting =
         isDropFrame ? timecode::FrameCounting::DropFrame : timecode::FrameCounting::NonDrop;
@@ -103,8 +103,8 @@ core::Expected<MarkerPlan> planMarkerExport(const MarkerExport& request)
     };
 
     MarkerPlan plan;
-    plan.rate = exportRateCode(rate, request.dropFrame);
-    plan.nominalFPS = rate;
+    plan.rate = midi::frameRateCode(rate, isDropFrame);
+    plan.frameRate = rate;
     plan.isDropFrame = isDropFrame;
     plan.sessionStartFrame = *session;
     plan.sessionStart = textOf(*session);
@@ -133,7 +133,7 @@ core::Expected<MarkerPlan> planMarkerExport(const MarkerExport& request)
 
 std::string cutListText(const MarkerPlan& plan, std::string_view videoName)
 {
-    const midi::FrameRateRatio fps = midi::framesPerSecond(plan.rate);
+    const core::FrameRate fps = plan.frameRate;
     std::string text(kCutListSignature);
     text += "\n# video\t" + oneField(videoName);
     text +=

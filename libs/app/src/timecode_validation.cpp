@@ -5,7 +5,7 @@
 
 namespace kestrin::app {
 
-bool isValidTimecode(std::string_view text, float rate, const DropFrameSources& dropFrame)
+bool isValidTimecode(std::string_view text, core::FrameRate rate, const DropFrameSources& dropFrame)
 {
     const timecode::FrameCounting counting = effectiveDropFrame(rate, dropFrame)
                                                  ? timecode::FrameCounting::DropFrame
@@ -16,7 +16,7 @@ bool isValidTimecode(std::string_view text, float rate, const DropFrameSources& 
 TimecodeValidation::TimecodeValidation(TimerSource& timers,
                                        std::chrono::milliseconds quietPeriod,
                                        std::string digits,
-                                       float rate,
+                                       core::FrameRate rate,
                                        DropFrameSources dropFrame,
                                        Deliver deliver)
     : quietPeriod_(quietPeriod)
@@ -37,7 +37,7 @@ void TimecodeValidation::digitsChanged(std::string digits)
     timer_->start(quietPeriod_);
 }
 
-void TimecodeValidation::rateChanged(float rate)
+void TimecodeValidation::rateChanged(core::FrameRate rate)
 {
     if (rate == rate_) {
         return;

@@ -1,11 +1,10 @@
-#include <kestrin/app/export_rules.hpp>
 #include <kestrin/app/video_info.hpp>
 
 #include <cmath>
 
 namespace kestrin::app {
 
-bool detectDropFrame(const media::Asset& asset, float rate)
+bool detectDropFrame(const media::Asset& asset, core::FrameRate rate)
 {
     const auto timecodeTracks = asset.tracksWithMediaType(media::MediaType::timecode);
     if (timecodeTracks && !timecodeTracks->empty()) {
@@ -15,8 +14,7 @@ bool detectDropFrame(const media::Asset& asset, float rate)
             return (descriptions->front().timeCodeFlags & media::kTimeCodeFlagDropFrame) != 0U;
         }
     }
-    const float snapped = snapFrameRate(rate);
-    return std::fabs(snapped - 29.97F) < 0.02F || std::fabs(snapped - 59.94F) < 0.05F;
+    return rate.allowsDropFrame();
 }
 
 core::Expected<VideoInfo> loadVideoInfo(const media::AssetOpener& opener,
@@ -66,10 +64,9 @@ core::Expected<VideoInfo> loadVideoInfo(const media::AssetOpener& opener,
     }
 
     VideoInfo info;
-    info.nominalFPS = snapFrameRate(rate);
-    if (std::fabs(*info.nominalFPS - 29.97F) < 0.002F
-        || std::fabs(*info.nominalFPS - 59.94F) < 0.002F) {
-        info.detectedIsDropFrame = detectDropFrame(**asset, *info.nominalFPS);
+    info.frameRate = core::standardFrameRate(rate);
+    if (info.frameRate->allowsDropFrame()) {
+        info.detectedIsDropFrame = detectDropFrame(**asset, *info.frameRate);
     }
     return info;
 }

@@ -427,7 +427,7 @@ using ViewModelValidation = ViewModelTest;
 
 TEST_F(ViewModelValidation, FreshModelLogsEachFlagAtConstructionAndAfterTheQuietPeriod)
 {
-    EXPECT_EQ(model_->nominalFPS(), 29.97F);
+    EXPECT_EQ(model_->nominalFPS(), core::kFps2997);
     EXPECT_TRUE(model_->isDropFrame());
     EXPECT_EQ(model_->sessionStartDigits(), "00000000");
     EXPECT_EQ(model_->videoStartDigits(), "01000000");
@@ -481,8 +481,8 @@ TEST_F(ViewModelValidation, RateAndDropFrameChangesRevalidateOnTheNextTurn)
     const std::pair<std::function<void(EditDetectorViewModel&)>, bool> rows[] = {
         {[](auto& m) { m.setUserPrefersDropFrame(false); }, true},
         {[](auto& m) { m.setUserPrefersDropFrame(true); }, false},
-        {[](auto& m) { m.setNominalFPS(25.0F); }, true},
-        {[](auto& m) { m.setNominalFPS(59.94F); }, false},
+        {[](auto& m) { m.setNominalFPS(core::kFps25); }, true},
+        {[](auto& m) { m.setNominalFPS(core::kFps5994); }, false},
     };
     for (const auto& [change, isValid] : rows) {
         log_.clear();
@@ -509,12 +509,12 @@ TEST_F(ViewModelTest, DropFrameFollowsTheUserThenTheFileThenTheRate)
     EXPECT_FALSE(model_->isDropFrame()) << "the choice outlives the file";
 
     model_->setUserPrefersDropFrame(true);
-    load("/clips/pal.mov", [&] { return model_->nominalFPS() == 25.0F; });
+    load("/clips/pal.mov", [&] { return model_->nominalFPS() == core::kFps25; });
     EXPECT_EQ(model_->detectedIsDropFrame(), std::nullopt);
     EXPECT_FALSE(model_->isDropFrame()) << "no drop-frame at 25 whatever the choice";
 
     load("/clips/missing.mov", [&] { return model_->errorMessage().has_value(); });
-    EXPECT_EQ(model_->nominalFPS(), 25.0F);
+    EXPECT_EQ(model_->nominalFPS(), core::kFps25);
     EXPECT_EQ(model_->detectedIsDropFrame(), std::nullopt);
 }
 
@@ -567,7 +567,7 @@ TEST_F(ViewModelTest, MakeMIDIDataHandsTheExporterDeltasOffsetAndRateCode)
 
     struct Row
     {
-        float fps;
+        core::FrameRate fps;
         std::optional<bool> userPrefersDropFrame;
         const char* sessionStart;
         const char* videoStart;
@@ -577,10 +577,10 @@ TEST_F(ViewModelTest, MakeMIDIDataHandsTheExporterDeltasOffsetAndRateCode)
     };
     // The markers lie at 0.48 s and 1.2 s, so at other rates on other frames.
     const Row rows[] = {
-        {25.0F, {}, "01000000", "01000000", 11, 0, "12 18"},
-        {25.0F, {}, "01000000", "01000100", 11, 25, "12 18"},
-        {29.97F, {}, "0", "00010002", 9, 1800, "14 22"},
-        {59.94F, false, "0", "100", 3, 60, "29 43"},
+        {core::kFps25, {}, "01000000", "01000000", 11, 0, "12 18"},
+        {core::kFps25, {}, "01000000", "01000100", 11, 25, "12 18"},
+        {core::kFps2997, {}, "0", "00010002", 9, 1800, "14 22"},
+        {core::kFps5994, false, "0", "100", 3, 60, "29 43"},
     };
     for (const Row& row : rows) {
         model_->setNominalFPS(row.fps);

@@ -14,66 +14,17 @@ namespace {
 
 using midi::MIDIFrameRate;
 
-TEST(FrameRateRules, SnapToTheNearestSupportedRateTiesToTheEarlier)
-{
-    const std::pair<float, float> rows[] = {
-        {23.98F, 23.976F},
-        {24.5F, 24.0F},
-        {29.9F, 29.97F},
-        {40.0F, 30.0F},
-        {45.0F, 50.0F},
-        {55.0F, 59.94F},
-        {1000.0F, 60.0F},
-        {0.5F, 23.976F},
-        {std::nanf(""), 23.976F},
-    };
-    for (const auto& [rate, snapped] : rows) {
-        EXPECT_EQ(snapFrameRate(rate), snapped) << rate;
-    }
-    const int bases[] = {24, 24, 25, 30, 30, 50, 60, 60};
-    for (std::size_t i = 0; i < kSupportedFrameRates.size(); ++i) {
-        EXPECT_EQ(integerFrameRate(kSupportedFrameRates[i]), bases[i]);
-    }
-}
-
 TEST(FrameRateRules, DropFrameOnlyAt2997And5994WhereTheUserOutranksTheFile)
 {
     const DropFrameSources none;
     const DropFrameSources fileSaysNonDrop{std::nullopt, false};
     const DropFrameSources userSaysDrop{true, false};
-    EXPECT_TRUE(effectiveDropFrame(29.97F, none));
-    EXPECT_TRUE(effectiveDropFrame(59.94F, none));
-    EXPECT_FALSE(effectiveDropFrame(29.97F, fileSaysNonDrop));
-    EXPECT_TRUE(effectiveDropFrame(29.97F, userSaysDrop));
-    EXPECT_FALSE(effectiveDropFrame(25.0F, userSaysDrop));
-    EXPECT_FALSE(effectiveDropFrame(30.0F, none));
-}
-
-TEST(ExportRules, RateCodesFollowTheSnappedRateAndTheEffectiveFlag)
-{
-    struct Row
-    {
-        float rate;
-        DropFrameSources sources;
-        MIDIFrameRate code;
-    };
-    const DropFrameSources nonDrop{false, std::nullopt};
-    const Row rows[] = {
-        {23.976F, {}, MIDIFrameRate::Fps23976},
-        {24.0F, {}, MIDIFrameRate::Fps24},
-        {25.0F, {}, MIDIFrameRate::Fps25},
-        {29.97F, {}, MIDIFrameRate::Fps2997DropFrame},
-        {29.97F, nonDrop, MIDIFrameRate::Fps2997NonDrop},
-        {30.0F, {}, MIDIFrameRate::Fps30},
-        {50.0F, {}, MIDIFrameRate::Fps50},
-        {59.94F, {}, MIDIFrameRate::Fps5994DropFrame},
-        {59.94F, nonDrop, MIDIFrameRate::Fps5994NonDrop},
-        {60.0F, {}, MIDIFrameRate::Fps60},
-        {29.5F, {}, MIDIFrameRate::Fps2997DropFrame},  // snapped first
-    };
-    for (const Row& row : rows) {
-        EXPECT_EQ(exportRateCode(row.rate, row.sources), row.code) << row.rate;
-    }
+    EXPECT_TRUE(effectiveDropFrame(core::kFps2997, none));
+    EXPECT_TRUE(effectiveDropFrame(core::kFps5994, none));
+    EXPECT_FALSE(effectiveDropFrame(core::kFps2997, fileSaysNonDrop));
+    EXPECT_TRUE(effectiveDropFrame(core::kFps2997, userSaysDrop));
+    EXPECT_FALSE(effectiveDropFrame(core::kFps25, userSaysDrop));
+    EXPECT_FALSE(effectiveDropFrame(core::kFps30, none));
 }
 
 core::EditMarker markerAtFrame(std::int64_t frame,
@@ -92,7 +43,7 @@ TEST(MarkerPlan, CutsSkipFrameZeroAndRepeatsAndAreNamedInOrder)
                                      markerAtFrame(50),
                                      markerAtFrame(100),
                                      markerAtFrame(50)},
-                         .nominalFPS = 25.0F,
+                         .rate = core::kFps25,
                          .dropFrame = {},
                          .sessionStartDigits = "00595000",
                          .videoStartDigits = "01000000",
@@ -119,7 +70,7 @@ TEST(MarkerPlan, CutsSkipFrameZeroAndRepeatsAndAreNamedInOrder)
     // Drop-frame labels at 29.97: Video 10:00:00;00 is 1798 frames after Session 09:59:00;02
     // (the first label of a minute that drops two); the cut 30 frames in is 10:00:01;00.
     request = {.markers = {markerAtFrame(30, 30000, 1001)},
-               .nominalFPS = 29.97F,
+               .rate = core::kFps2997,
                .dropFrame = {},
                .sessionStartDigits = "09590002",
                .videoStartDigits = "10000000",
@@ -145,7 +96,7 @@ TEST(MarkerPlan, CutsSkipFrameZeroAndRepeatsAndAreNamedInOrder)
 TEST(MarkerPlan, DamageIsSummedUpInTheCutsTimecodes)
 {
     MarkerExport request;
-    request.nominalFPS = 29.97F;
+    request.rate = core::kFps2997;
     request.sessionStartDigits = "00595800";
     request.videoStartDigits = "01000000";
     const core::Expected<MarkerPlan> plan = planMarkerExport(request);
@@ -186,35 +137,35 @@ TEST(ExportRules, TimecodeFramesComeFromTheMarkersTimes)
     {
         std::int64_t frameIndex;
         MediaTime time;
-        float rate;
+        core::FrameRate rate;
         std::int64_t frame;
     };
     const Row rows[] = {
-        {30, MediaTime::make(2, 1), 15.0F, 48},           // 15 fps, snapped to 23.976 (24 frames)
-        {100, MediaTime::make(100, 120), 120.0F, 50},     // 120 fps, snapped to 60
-        {45, MediaTime::make(45045, 30000), 29.97F, 45},  // the file's own rate: its index
-        {45, MediaTime::make(1501500, 1000000), 29.97F, 45},  // on a microsecond clock
-        {7, MediaTime::make(7007, 24000), 23.976F, 7},
-        {12, MediaTime::make(12, 25), 25.0F, 12},
-        {1000, MediaTime::make(120'000'000'000'000, 1), 60.0F, 7'200'000'000'000'000},
-        {9, MediaTime::invalid(), 25.0F, 9},  // no time: the index
+        {30, MediaTime::make(2, 1), core::kFps23976, 48},    // a 15 fps video in a 23.976 session
+        {100, MediaTime::make(100, 120), core::kFps60, 50},  // a 120 fps video at 60
+        {45, MediaTime::make(45045, 30000), core::kFps2997, 45},  // the file's own rate: its index
+        {45, MediaTime::make(1501500, 1000000), core::kFps2997, 45},  // on a microsecond clock
+        {7, MediaTime::make(7007, 24000), core::kFps23976, 7},
+        {12, MediaTime::make(12, 25), core::kFps25, 12},
+        {1000, MediaTime::make(120'000'000'000'000, 1), core::kFps60, 7'200'000'000'000'000},
+        {9, MediaTime::invalid(), core::kFps25, 9},  // no time: the index
     };
     for (const Row& row : rows) {
         EXPECT_EQ(timecodeFrameOf({row.frameIndex, row.time, std::nullopt}, row.rate), row.frame)
-            << row.frameIndex << " at " << row.rate;
+            << row.frameIndex << " at " << row.rate.framesPerSecond();
     }
 }
 
 TEST(ExportRules, OffsetCountsFromSessionStartToVideoStart)
 {
-    EXPECT_EQ(videoStartOffsetFrames(25.0F, {}, "00000000", "00001000"), 250);
-    EXPECT_EQ(videoStartOffsetFrames(29.97F, {}, "00000000", "01000000"), 107892);
-    EXPECT_EQ(videoStartOffsetFrames(29.97F, {false, std::nullopt}, "00000000", "01000000"),
+    EXPECT_EQ(videoStartOffsetFrames(core::kFps25, {}, "00000000", "00001000"), 250);
+    EXPECT_EQ(videoStartOffsetFrames(core::kFps2997, {}, "00000000", "01000000"), 107892);
+    EXPECT_EQ(videoStartOffsetFrames(core::kFps2997, {false, std::nullopt}, "00000000", "01000000"),
               108000);
-    EXPECT_EQ(videoStartOffsetFrames(25.0F, {}, "00001000", "00000000"), -250);
-    EXPECT_EQ(videoStartOffsetFrames(29.97F, {}, "00010000", "01000000"),
+    EXPECT_EQ(videoStartOffsetFrames(core::kFps25, {}, "00001000", "00000000"), -250);
+    EXPECT_EQ(videoStartOffsetFrames(core::kFps2997, {}, "00010000", "01000000"),
               std::nullopt);  // dropped label
-    EXPECT_EQ(videoStartOffsetFrames(25.0F, {}, "00000000", "00006000"), std::nullopt);
+    EXPECT_EQ(videoStartOffsetFrames(core::kFps25, {}, "00000000", "00006000"), std::nullopt);
 }
 
 class MakeMIDIData : public testing::Test
@@ -222,7 +173,7 @@ class MakeMIDIData : public testing::Test
 protected:
     midi::StandardMIDIExportService exporter_{midi::MarkerFileLayout::Plain};
     MarkerExport request_{{core::EditMarker{100, core::MediaTime::make(4, 1), std::nullopt}},
-                          25.0F,
+                          core::kFps25,
                           {},
                           "00000000",
                           "00001000",

@@ -42,7 +42,7 @@ TEST(VideoInfo, DropFrameComesFromTheTimecodeTrackOrTheRate)
     {
         const char* what;
         std::vector<SyntheticTrack> tracks;
-        std::optional<float> rate;
+        std::optional<core::FrameRate> rate;
         std::optional<bool> dropFrame;
     };
     SyntheticTrack audio = videoAt(0.0F);
@@ -52,19 +52,22 @@ TEST(VideoInfo, DropFrameComesFromTheTimecodeTrackOrTheRate)
     SyntheticTrack noRate = videoAt(0.0F);
     noRate.minFrameDuration = MediaTime::invalid();
     const Row rows[] = {
-        {"non-drop timecode", {videoAt(29.97F), timecodeTrack(0)}, 29.97F, false},
-        {"drop-frame timecode", {videoAt(29.97F), timecodeTrack(1)}, 29.97F, true},
-        {"no timecode track", {videoAt(29.97F)}, 29.97F, true},
-        {"a rate without drop-frame", {videoAt(25.0F), timecodeTrack(1)}, 25.0F, std::nullopt},
-        {"video after audio", {audio, videoAt(23.98F)}, 23.976F, std::nullopt},
-        {"rate from the frame duration", {byFrameDuration}, 59.94F, true},
+        {"non-drop timecode", {videoAt(29.97F), timecodeTrack(0)}, core::kFps2997, false},
+        {"drop-frame timecode", {videoAt(29.97F), timecodeTrack(1)}, core::kFps2997, true},
+        {"no timecode track", {videoAt(29.97F)}, core::kFps2997, true},
+        {"a rate without drop-frame",
+         {videoAt(25.0F), timecodeTrack(1)},
+         core::kFps25,
+         std::nullopt},
+        {"video after audio", {audio, videoAt(23.98F)}, core::kFps23976, std::nullopt},
+        {"rate from the frame duration", {byFrameDuration}, core::kFps5994, true},
         {"no rate at all", {noRate}, std::nullopt, std::nullopt},
         {"no tracks", {}, std::nullopt, std::nullopt},
     };
     for (const Row& row : rows) {
         const auto info = infoOf(row.tracks);
         ASSERT_TRUE(info) << row.what;
-        EXPECT_EQ(info->nominalFPS, row.rate) << row.what;
+        EXPECT_EQ(info->frameRate, row.rate) << row.what;
         EXPECT_EQ(info->detectedIsDropFrame, row.dropFrame) << row.what;
     }
 }

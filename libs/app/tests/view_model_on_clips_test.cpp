@@ -32,14 +32,14 @@ TEST(ViewModelOnClips, ExportsWhatTheCommandLineToolWrites)
     struct Row
     {
         const char* clip;
-        float nominalFPS;
+        core::FrameRate nominalFPS;
         std::optional<bool> detectedIsDropFrame;
         const char* sessionStart;
         const char* videoStart;
     };
     const Row rows[] = {
-        {"h264-cuts.mp4", 25.0F, std::nullopt, "00:59:58:00", "01:00:00:00"},
-        {"timecode-df.mov", 29.97F, true, "01:00:00;00", "01:00:10;00"},
+        {"h264-cuts.mp4", core::kFps25, std::nullopt, "00:59:58:00", "01:00:00:00"},
+        {"timecode-df.mov", core::kFps2997, true, "01:00:00;00", "01:00:10;00"},
     };
     const QTemporaryDir scratch;
     ASSERT_TRUE(scratch.isValid());

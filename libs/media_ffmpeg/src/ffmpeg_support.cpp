@@ -62,10 +62,10 @@ void PacketDeleter::operator()(AVPacket* packet) const
 
 namespace {
 
-using core::Int128;
 using core::divideRoundingDown;
 using core::divideRoundingToNearest;
 using core::fitsInt64;
+using core::Int128;
 
 // Called by FFmpeg from inside blocking I/O; a non-zero result makes that I/O fail with
 // AVERROR_EXIT.

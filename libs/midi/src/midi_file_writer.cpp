@@ -104,7 +104,7 @@ core::Expected<std::vector<std::uint8_t>> assembleEvents(std::span<const std::ui
     appendBigEndian(file, isWorkstation ? kWorkstationTempoUSPerQuarter : kTempoUSPerQuarter, 3);
     appendTextEvent(file, 0, kTrackNameEvent, kTrackName);
     if (isWorkstation) {
-        const FrameRateRatio fps = framesPerSecond(rate);
+        const core::FrameRate fps = framesPerSecond(rate);
         file.insert(file.end(),
                     {0x00, kMetaEvent, kSequencerSpecific, kRateEventBytes, kNonCommercialID});
         appendText(file, kSignature);

@@ -27,7 +27,7 @@ constexpr std::array<TickRatio, kMIDIFrameRateCount> kTicksPerFrame{{
 }};
 
 // Indexed by code, as above.
-constexpr std::array<FrameRateRatio, kMIDIFrameRateCount> kFramesPerSecond{{
+constexpr std::array<core::FrameRate, kMIDIFrameRateCount> kFramesPerSecond{{
     {60, 1},
     {60, 1},
     {60000, 1001},
@@ -57,7 +57,7 @@ TickRatio ticksPerFrame(MIDIFrameRate rate)
     return kTicksPerFrame[indexOf(rate)];
 }
 
-FrameRateRatio framesPerSecond(MIDIFrameRate rate)
+core::FrameRate framesPerSecond(MIDIFrameRate rate)
 {
     return kFramesPerSecond[indexOf(rate)];
 }
@@ -65,6 +65,21 @@ FrameRateRatio framesPerSecond(MIDIFrameRate rate)
 bool isDropFrame(MIDIFrameRate rate)
 {
     return rate == MIDIFrameRate::Fps5994DropFrame || rate == MIDIFrameRate::Fps2997DropFrame;
+}
+
+MIDIFrameRate frameRateCode(core::FrameRate rate, bool dropFrame)
+{
+    const bool counting = dropFrame && rate.allowsDropFrame();
+    // From the highest code down, so the main code of 60 and 30 (1 and 8) comes before the
+    // alternate one (0 and 7).
+    for (int code = kMIDIFrameRateCount - 1; code >= 0; --code) {
+        const auto candidate = static_cast<MIDIFrameRate>(code);
+        if (kFramesPerSecond[static_cast<std::size_t>(code)] == rate
+            && isDropFrame(candidate) == counting) {
+            return candidate;
+        }
+    }
+    return MIDIFrameRate::Fps24;
 }
 
 }  // namespace kestrin::midi

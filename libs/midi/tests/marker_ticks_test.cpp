@@ -25,14 +25,20 @@ TEST(MIDIFrameRate, TicksPerFrameAre19200OverTheRealRate)
                   19200 * kFpsDenominator[code] * ratio.denominator)
             << "code " << code;
         EXPECT_EQ(framesPerSecond(rate),
-                  (FrameRateRatio{kFpsNumerator[code], kFpsDenominator[code]}))
+                  (core::FrameRate{kFpsNumerator[code], kFpsDenominator[code]}))
             << "code " << code;
         EXPECT_EQ(isDropFrame(rate), code == 2 || code == 9) << "code " << code;
+        const MIDIFrameRate main = code == 0   ? MIDIFrameRate::Fps60
+                                   : code == 7 ? MIDIFrameRate::Fps30
+                                               : rate;
+        EXPECT_EQ(frameRateCode(framesPerSecond(rate), isDropFrame(rate)), main) << "code " << code;
     }
+    EXPECT_EQ(frameRateCode(core::kFps25, true), MIDIFrameRate::Fps25);
+    EXPECT_EQ(frameRateCode(core::FrameRate{15, 1}, false), MIDIFrameRate::Fps24);
     // Codes outside the table give 24 fps.
     for (const int code : {kMIDIFrameRateCount, 255}) {
         EXPECT_EQ(ticksPerFrame(static_cast<MIDIFrameRate>(code)), (TickRatio{800, 1})) << code;
-        EXPECT_EQ(framesPerSecond(static_cast<MIDIFrameRate>(code)), (FrameRateRatio{24, 1}));
+        EXPECT_EQ(framesPerSecond(static_cast<MIDIFrameRate>(code)), (core::FrameRate{24, 1}));
     }
 }
 

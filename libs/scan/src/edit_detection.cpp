@@ -201,7 +201,7 @@ core::Expected<std::vector<core::EditMarker>> detectEditsByDecoding(
 
     // The pass has seen every frame the refinements would decode: answer them from its timeline
     // rather than decoding their neighbourhoods again (the answers are the same).
-    std::optional<FrameRateRational> timelineRate;
+    std::optional<core::FrameRate> timelineRate;
     if (!options.refine && pass.timeline.isUsable()) {
         if (auto exactRate = frameRateRational(track); exactRate) {
             timelineRate = *exactRate;

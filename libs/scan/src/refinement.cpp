@@ -17,7 +17,7 @@
 namespace kestrin::scan {
 namespace {
 
-constexpr FrameRateRational kUnusableRate{0, 1000};
+constexpr core::FrameRate kUnusableRate{0, 1000};
 // round(f x 1000) must fit in 64 bits.
 constexpr double kLargestScaledRate = 9.0e18;
 
@@ -25,7 +25,7 @@ struct NamedRate
 {
     float lowest;
     float highest;
-    FrameRateRational rate;
+    core::FrameRate rate;
 };
 
 // Tested in this order; a single value is a row whose bounds are equal.
@@ -79,11 +79,11 @@ private:
 
 }  // namespace
 
-core::Expected<FrameRateRational> frameRateRational(const media::Track& track)
+core::Expected<core::FrameRate> frameRateRational(const media::Track& track)
 {
     if (const auto frameDuration = track.minFrameDuration();
         frameDuration && frameDuration->isValid() && frameDuration->value != 0) {
-        return FrameRateRational{frameDuration->timescale, frameDuration->value};
+        return core::FrameRate{frameDuration->timescale, frameDuration->value};
     }
     const auto nominal = track.nominalFrameRate();
     if (!nominal) {
@@ -99,10 +99,10 @@ core::Expected<FrameRateRational> frameRateRational(const media::Track& track)
     if (!(scaled > 0.0) || scaled > kLargestScaledRate) {  // also NaN
         return kUnusableRate;
     }
-    return FrameRateRational{std::llround(scaled), 1000};
+    return core::FrameRate{std::llround(scaled), 1000};
 }
 
-std::int64_t frameIndexAt(const core::MediaTime& time, FrameRateRational rate)
+std::int64_t frameIndexAt(const core::MediaTime& time, core::FrameRate rate)
 {
     const double frames =
         static_cast<double>(time.value) * static_cast<double>(rate.numerator)
@@ -184,7 +184,7 @@ core::Expected<std::optional<core::EditMarker>> refineAround(std::int64_t candid
 }
 
 core::MediaTimeRange refinementRange(std::int64_t candidateFrame,
-                                     FrameRateRational rate,
+                                     core::FrameRate rate,
                                      double durationSeconds,
                                      int halfWidth)
 {
@@ -202,7 +202,7 @@ core::MediaTimeRange refinementRange(std::int64_t candidateFrame,
 
 std::optional<core::EditMarker> refineFromTimeline(std::int64_t candidateFrame,
                                                    const FrameTimeline& timeline,
-                                                   FrameRateRational rate,
+                                                   core::FrameRate rate,
                                                    double durationSeconds,
                                                    int halfWidth)
 {

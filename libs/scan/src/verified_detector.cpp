@@ -91,7 +91,7 @@ core::Status readAround(const DetectionContext& context,
                         bool withLeadIn,
                         OnFrame onFrame)
 {
-    const core::Expected<FrameRateRational> rate = frameRateRational(context.track);
+    const core::Expected<core::FrameRate> rate = frameRateRational(context.track);
     if (!rate) {
         return rate.error();
     }
@@ -248,7 +248,7 @@ core::Expected<std::vector<core::EditMarker>> syncWindowStep(const DetectionCont
     if (syncs->empty()) {
         return Markers{};
     }
-    const core::Expected<FrameRateRational> rate = frameRateRational(context.track);
+    const core::Expected<core::FrameRate> rate = frameRateRational(context.track);
     if (!rate) {
         return rate.error();
     }

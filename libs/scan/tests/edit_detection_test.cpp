@@ -149,19 +149,19 @@ TEST(DetectionArithmetic, StatisticsStrideWidthSuppressionAndMerging)
     }
 }
 
-TEST(FrameRateRational, MinFrameDurationFirstThenNamedRates)
+TEST(TrackFrameRate, MinFrameDurationFirstThenNamedRates)
 {
     const Expected<MediaTime> unusable = MediaTime::invalid();
-    const std::tuple<Expected<MediaTime>, Expected<float>, Expected<FrameRateRational>> rows[] = {
-        {MediaTime::make(1001, 30000), 25.0F, FrameRateRational{30000, 1001}},
-        {kFault, 25.0F, FrameRateRational{25, 1}},
-        {MediaTime::make(0, 600), 23.975F, FrameRateRational{24000, 1001}},
-        {unusable, 23.974F, FrameRateRational{23974, 1000}},
-        {unusable, 24.001F, FrameRateRational{24001, 1000}},
-        {unusable, 29.971F, FrameRateRational{30000, 1001}},
-        {unusable, 59.94F, FrameRateRational{60000, 1001}},
-        {unusable, 60.0F, FrameRateRational{60, 1}},
-        {unusable, std::numeric_limits<float>::quiet_NaN(), FrameRateRational{0, 1000}},
+    const std::tuple<Expected<MediaTime>, Expected<float>, Expected<core::FrameRate>> rows[] = {
+        {MediaTime::make(1001, 30000), 25.0F, core::FrameRate{30000, 1001}},
+        {kFault, 25.0F, core::FrameRate{25, 1}},
+        {MediaTime::make(0, 600), 23.975F, core::FrameRate{24000, 1001}},
+        {unusable, 23.974F, core::FrameRate{23974, 1000}},
+        {unusable, 24.001F, core::FrameRate{24001, 1000}},
+        {unusable, 29.971F, core::FrameRate{30000, 1001}},
+        {unusable, 59.94F, core::FrameRate{60000, 1001}},
+        {unusable, 60.0F, core::FrameRate{60, 1}},
+        {unusable, std::numeric_limits<float>::quiet_NaN(), core::FrameRate{0, 1000}},
         {unusable, kFault, kFault},
     };
     for (const auto& [minFrameDuration, nominal, rate] : rows) {

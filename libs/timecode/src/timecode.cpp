@@ -262,7 +262,7 @@ std::string timecodeDisplayString(std::string_view digits, FrameCounting countin
     return padded.timecodeText(counting);
 }
 
-bool isValidTimecodeDigits(std::string_view digits, FrameCounting counting, float nominalFps)
+bool isValidTimecodeDigits(std::string_view digits, FrameCounting counting, core::FrameRate rate)
 {
     if (digits.empty()) {
         return false;
@@ -277,7 +277,7 @@ bool isValidTimecodeDigits(std::string_view digits, FrameCounting counting, floa
     if (c.hours > 23 || c.minutes > 59 || c.seconds > 59) {
         return false;
     }
-    const int frameBase = formatterFrameBase(nominalFps);
+    const int frameBase = rate.timecodeBase();
     if (c.frames >= frameBase) {
         return false;
     }
@@ -405,29 +405,6 @@ std::optional<std::string> timecodeTextForFrame(std::int64_t frame, int fps, Fra
     // Frame bases above 99 would need a third digit; no supported rate comes near.
     put(9, label % perSecond % 100);
     return text;
-}
-
-int formatterFrameBase(float nominalFps)
-{
-    const double fps = nominalFps;
-    if (std::abs(fps - 23.976) < 0.02) {
-        return 24;
-    }
-    if (std::abs(fps - 29.97) < 0.03) {
-        return 30;
-    }
-    if (std::abs(fps - 59.94) < 0.05) {
-        return 60;
-    }
-    const double rounded = std::round(fps);  // halves away from zero; NaN stays NaN
-    if (!(rounded >= 1.0)) {
-        return 1;
-    }
-    constexpr int kLargest = std::numeric_limits<int>::max();
-    if (rounded >= static_cast<double>(kLargest)) {
-        return kLargest;
-    }
-    return static_cast<int>(rounded);
 }
 
 }  // namespace kestrin::timecode

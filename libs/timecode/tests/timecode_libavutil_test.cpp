@@ -22,9 +22,9 @@ namespace {
 struct DayAtRate
 {
     const char* name;
-    AVRational rate;   // as libavutil takes it
-    float nominalFps;  // as validity takes it
-    int frameBase;     // as the frame count takes it
+    AVRational rate;            // as libavutil takes it
+    core::FrameRate frameRate;  // as validity takes it
+    int frameBase;              // as the frame count takes it
     FrameCounting counting;
     std::int64_t framesPerDay;
 
@@ -60,7 +60,7 @@ TEST_P(TimecodeLibavutilCrossCheck, WholeDay)
         const char digitChars[] = {
             label[0], label[1], label[3], label[4], label[6], label[7], label[9], label[10]};
         const std::string_view digits(digitChars, sizeof digitChars);
-        const bool valid = isValidTimecodeDigits(digits, day.counting, day.nominalFps);
+        const bool valid = isValidTimecodeDigits(digits, day.counting, day.frameRate);
         const std::optional<std::int64_t> ours =
             timecodeFrameCount(digits, day.frameBase, day.counting);
         AVTimecode theirs{};
@@ -85,11 +85,13 @@ INSTANTIATE_TEST_SUITE_P(
     Rates,
     TimecodeLibavutilCrossCheck,
     ::testing::Values(
-        DayAtRate{"DropFrame2997", {30000, 1001}, 29.97F, 30, FrameCounting::DropFrame, 2589408},
-        DayAtRate{"DropFrame5994", {60000, 1001}, 59.94F, 60, FrameCounting::DropFrame, 5178816},
-        DayAtRate{"NonDrop24", {24, 1}, 24.0F, 24, FrameCounting::NonDrop, 2073600},
-        DayAtRate{"NonDrop25", {25, 1}, 25.0F, 25, FrameCounting::NonDrop, 2160000},
-        DayAtRate{"NonDrop30", {30, 1}, 30.0F, 30, FrameCounting::NonDrop, 2592000}),
+        DayAtRate{
+            "DropFrame2997", {30000, 1001}, core::kFps2997, 30, FrameCounting::DropFrame, 2589408},
+        DayAtRate{
+            "DropFrame5994", {60000, 1001}, core::kFps5994, 60, FrameCounting::DropFrame, 5178816},
+        DayAtRate{"NonDrop24", {24, 1}, core::kFps24, 24, FrameCounting::NonDrop, 2073600},
+        DayAtRate{"NonDrop25", {25, 1}, core::kFps25, 25, FrameCounting::NonDrop, 2160000},
+        DayAtRate{"NonDrop30", {30, 1}, core::kFps30, 30, FrameCounting::NonDrop, 2592000}),
     [](const ::testing::TestParamInfo<DayAtRate>& param) { return std::string(param.param.name); });
 
 }  // namespace

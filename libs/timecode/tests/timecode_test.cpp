@@ -17,7 +17,8 @@ constexpr auto kNonDrop = FrameCounting::NonDrop;
 constexpr auto kDropFrame = FrameCounting::DropFrame;
 constexpr auto kThirty = DropFrameBase::Thirty;
 constexpr auto kSixty = DropFrameBase::Sixty;
-constexpr float kInfinity = std::numeric_limits<float>::infinity();
+// A rate whose timecode base is the largest int.
+constexpr core::FrameRate kHugeRate{std::numeric_limits<std::int64_t>::max(), 1};
 constexpr std::optional<std::int64_t> kNone;
 
 // Characters used below, written as escapes:
@@ -75,54 +76,55 @@ TEST(TimecodeDisplayString, PadsToEightCharactersAndSeparatesGroups)
 TEST(TimecodeDigits, ValidityAndFrameCountAtTheRate)
 {
     // Digits, counting, nominal rate (the count uses its frame base), valid, frame count.
-    using Row = std::tuple<std::string, FrameCounting, float, bool, std::optional<std::int64_t>>;
+    using Row =
+        std::tuple<std::string, FrameCounting, core::FrameRate, bool, std::optional<std::int64_t>>;
     const Row rows[] = {
-        {"", kNonDrop, 25.0F, false, 0},
-        {"1", kNonDrop, 25.0F, true, 1},
-        {"00000025", kNonDrop, 25.0F, false, kNone},
-        {"24", kNonDrop, 23.976F, false, kNone},
-        {"00010000", kNonDrop, 29.97F, true, 1800},
-        {"24000000", kNonDrop, 30.0F, false, 2592000},
-        {"99595929", kNonDrop, 30.0F, false, 10799999},
-        {"99595929", kNonDrop, kInfinity, false, 773091965436382},
-        {"00600000", kNonDrop, 30.0F, false, kNone},
-        {"00006000", kNonDrop, 30.0F, false, kNone},
-        {"123456789", kNonDrop, 30.0F, false, kNone},
-        {"01:00:00:12", kNonDrop, 30.0F, false, 108012},
+        {"", kNonDrop, core::kFps25, false, 0},
+        {"1", kNonDrop, core::kFps25, true, 1},
+        {"00000025", kNonDrop, core::kFps25, false, kNone},
+        {"24", kNonDrop, core::kFps23976, false, kNone},
+        {"00010000", kNonDrop, core::kFps2997, true, 1800},
+        {"24000000", kNonDrop, core::kFps30, false, 2592000},
+        {"99595929", kNonDrop, core::kFps30, false, 10799999},
+        {"99595929", kNonDrop, kHugeRate, false, 773091965436382},
+        {"00600000", kNonDrop, core::kFps30, false, kNone},
+        {"00006000", kNonDrop, core::kFps30, false, kNone},
+        {"123456789", kNonDrop, core::kFps30, false, kNone},
+        {"01:00:00:12", kNonDrop, core::kFps30, false, 108012},
         // Drop-frame skips frames 00 and 01 (00 to 03 at 59.94) except every tenth minute.
-        {"00010000", kDropFrame, 29.97F, false, kNone},
-        {"00010001", kDropFrame, 29.97F, false, kNone},
-        {"00010002", kDropFrame, 29.97F, true, 1800},
-        {"00100000", kDropFrame, 29.97F, true, 17982},
-        {"01000000", kDropFrame, 29.97F, true, 107892},
-        {"00000030", kDropFrame, 29.97F, false, kNone},
-        {"00010003", kDropFrame, 59.94F, false, kNone},
-        {"00010004", kDropFrame, 59.94F, true, 3600},
-        {"01000000", kDropFrame, 59.94F, true, 215784},
-        {"00000060", kDropFrame, 59.94F, false, kNone},
+        {"00010000", kDropFrame, core::kFps2997, false, kNone},
+        {"00010001", kDropFrame, core::kFps2997, false, kNone},
+        {"00010002", kDropFrame, core::kFps2997, true, 1800},
+        {"00100000", kDropFrame, core::kFps2997, true, 17982},
+        {"01000000", kDropFrame, core::kFps2997, true, 107892},
+        {"00000030", kDropFrame, core::kFps2997, false, kNone},
+        {"00010003", kDropFrame, core::kFps5994, false, kNone},
+        {"00010004", kDropFrame, core::kFps5994, true, 3600},
+        {"01000000", kDropFrame, core::kFps5994, true, 215784},
+        {"00000060", kDropFrame, core::kFps5994, false, kNone},
         // Validity reads an unreadable hours group as 0 and any other as 99; the count reads
         // them as 0, except that drop-frame reads the label back as text.
-        {"00\u0661\u06620000", kNonDrop, 30.0F, false, 0},
-        {"0000\u00B2000", kNonDrop, 30.0F, false, 0},
-        {"000000\u2460", kNonDrop, 30.0F, false, 0},
-        {"\u0661\u0662000000", kNonDrop, 30.0F, true, 0},
-        {"\u0661\u0662010002", kDropFrame, 29.97F, true, kNone},
-        {"01\u0661\u06620005", kNonDrop, 30.0F, false, 108005},
-        {"1\u03010000000", kNonDrop, 30.0F, true, 0},
-        {"0000001\u0301", kNonDrop, 30.0F, false, 0},
+        {"00\u0661\u06620000", kNonDrop, core::kFps30, false, 0},
+        {"0000\u00B2000", kNonDrop, core::kFps30, false, 0},
+        {"000000\u2460", kNonDrop, core::kFps30, false, 0},
+        {"\u0661\u0662000000", kNonDrop, core::kFps30, true, 0},
+        {"\u0661\u0662010002", kDropFrame, core::kFps2997, true, kNone},
+        {"01\u0661\u06620005", kNonDrop, core::kFps30, false, 108005},
+        {"1\u03010000000", kNonDrop, core::kFps30, true, 0},
+        {"0000001\u0301", kNonDrop, core::kFps30, false, 0},
         // Validity counts characters: CR LF and a flag are one each, so hours read "\r\n1" and
         // "<flag>1" (0) and there are eight; a control ends a character before a combining mark,
         // so there are nine; a leading combining mark joins the last "0" of the padding: seven.
-        {"\r\n1234512", kNonDrop, 30.0F, true, 150762},
-        {"\U0001F1EB\U0001F1F71234512", kNonDrop, 30.0F, true, 150762},
-        {"\n\u03011234512", kNonDrop, 30.0F, false, 150762},
-        {"\u0301", kNonDrop, 30.0F, false, 0},
+        {"\r\n1234512", kNonDrop, core::kFps30, true, 150762},
+        {"\U0001F1EB\U0001F1F71234512", kNonDrop, core::kFps30, true, 150762},
+        {"\n\u03011234512", kNonDrop, core::kFps30, false, 150762},
+        {"\u0301", kNonDrop, core::kFps30, false, 0},
     };
-    for (const auto& [digits, counting, nominalFps, valid, count] : rows) {
-        SCOPED_TRACE(digits + " at " + std::to_string(nominalFps)
+    for (const auto& [digits, counting, rate, valid, count] : rows) {
+        SCOPED_TRACE(digits + " at " + std::to_string(rate.framesPerSecond())
                      + (counting == kDropFrame ? " drop-frame" : " non-drop"));
-        EXPECT_EQ(isValidTimecodeDigits(digits, counting, nominalFps), valid);
-        EXPECT_EQ(timecodeFrameCount(digits, formatterFrameBase(nominalFps), counting), count);
+        EXPECT_EQ(isValidTimecodeDigits(digits, counting, rate), valid);
+        EXPECT_EQ(timecodeFrameCount(digits, rate.timecodeBase(), counting), count);
     }
     EXPECT_EQ(timecodeFrameCount("00000000", 0, kNonDrop), kNone);
 }
@@ -189,23 +191,6 @@ TEST(TimecodeDropFrameCount, CountsFromMidnightWithoutTheSkippedNumbers)
     for (const auto& [text, base, expected] : rows) {
         EXPECT_EQ(dropFrameCount(text, base), expected)
             << text << (base == kSixty ? " over sixty" : " over thirty");
-    }
-}
-
-TEST(TimecodeFrameBase, NamesStandardRatesAndRoundsOthers)
-{
-    constexpr int kLargest = std::numeric_limits<int>::max();
-    const std::pair<float, int> rows[] = {
-        {23.976F, 24},      {24.0F, 24},           {25.0F, 25},
-        {29.97F, 30},       {30.0F, 30},           {50.0F, 50},
-        {59.94F, 60},       {60.0F, 60},           {2.5F, 3},
-        {24.5F, 25},        {120.0F, 120},         {0.4F, 1},
-        {0.0F, 1},          {-30.0F, 1},           {std::numeric_limits<float>::quiet_NaN(), 1},
-        {-kInfinity, 1},    {kInfinity, kLargest}, {std::numeric_limits<float>::max(), kLargest},
-        {3.0e9F, kLargest},
-    };
-    for (const auto& [nominalFps, expected] : rows) {
-        EXPECT_EQ(formatterFrameBase(nominalFps), expected) << nominalFps;
     }
 }
 

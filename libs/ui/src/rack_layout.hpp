@@ -50,26 +50,26 @@ inline constexpr std::array<RackButtonSpec, 14> kRackButtons{{
     {RackButtonId::NDF, "fpsNDF", kRateWidth, kRateHeight, 546, 81},
 }};
 
-/// The nominal rate a rate button sets; absent for the other buttons.
-[[nodiscard]] constexpr std::optional<float> buttonRate(RackButtonId id)
+/// The rate a rate button sets; absent for the other buttons.
+[[nodiscard]] constexpr std::optional<core::FrameRate> buttonRate(RackButtonId id)
 {
     switch (id) {
         case RackButtonId::fps23976:
-            return 23.976F;
+            return core::kFps23976;
         case RackButtonId::fps24:
-            return 24.0F;
+            return core::kFps24;
         case RackButtonId::fps25:
-            return 25.0F;
+            return core::kFps25;
         case RackButtonId::fps2997:
-            return 29.97F;
+            return core::kFps2997;
         case RackButtonId::fps30:
-            return 30.0F;
+            return core::kFps30;
         case RackButtonId::fps50:
-            return 50.0F;
+            return core::kFps50;
         case RackButtonId::fps5994:
-            return 59.94F;
+            return core::kFps5994;
         case RackButtonId::fps60:
-            return 60.0F;
+            return core::kFps60;
         default:
             return std::nullopt;
     }
@@ -124,8 +124,5 @@ inline constexpr double kLedGap = 2;
 /// The keyframe lamp, drawn above its neighbours.
 inline constexpr std::string_view kLampNameBase = "keyframeLED2";
 inline constexpr QRectF kLampRect{544, 226, 21, 21};
-
-/// Tolerance of "the rate is this rate" for the rate and DF/NDF buttons.
-inline constexpr float kButtonRateTolerance = 0.002F;
 
 }  // namespace kestrin::ui::detail

@@ -36,16 +36,6 @@ std::filesystem::path toPath(const QString& path)
     return {QFile::encodeName(path).toStdString()};
 }
 
-bool isNearRate(float fps, float rate)
-{
-    return std::abs(fps - rate) < detail::kButtonRateTolerance;
-}
-
-bool isDropFrameCapable(float fps)
-{
-    return isNearRate(fps, 29.97F) || isNearRate(fps, 59.94F);
-}
-
 struct ButtonState
 {
     bool isEnabled;
@@ -56,7 +46,7 @@ ButtonState buttonState(RackButtonId id, const EditDetectorViewModel& model)
 {
     const bool isIdle = !model.isProcessing();
     const bool areTimecodesValid = model.isSessionTCValid() && model.isVideoTCValid();
-    const float fps = model.nominalFPS();
+    const core::FrameRate rate = model.nominalFPS();
     switch (id) {
         case RackButtonId::selectVideo:
             return {isIdle, isIdle};
@@ -72,12 +62,12 @@ ButtonState buttonState(RackButtonId id, const EditDetectorViewModel& model)
         }
         case RackButtonId::DF:
         case RackButtonId::NDF: {
-            const bool isCapable = isDropFrameCapable(fps);
+            const bool isCapable = rate.allowsDropFrame();
             const bool wantsDropFrame = id == RackButtonId::DF;
             return {isCapable && isIdle, isCapable && model.isDropFrame() == wantsDropFrame};
         }
         default:
-            return {isIdle, isNearRate(fps, detail::buttonRate(id).value_or(0.0F))};
+            return {isIdle, detail::buttonRate(id) == rate};
     }
 }
 
@@ -385,12 +375,12 @@ void RackPanel::press(RackButtonId id)
             break;
         case RackButtonId::DF:
         case RackButtonId::NDF:
-            if (isDropFrameCapable(vm.nominalFPS())) {
+            if (vm.nominalFPS().allowsDropFrame()) {
                 vm.setUserPrefersDropFrame(id == RackButtonId::DF);
             }
             break;
         default:
-            if (const std::optional<float> rate = detail::buttonRate(id)) {
+            if (const std::optional<core::FrameRate> rate = detail::buttonRate(id)) {
                 vm.setNominalFPS(*rate);
             }
             break;

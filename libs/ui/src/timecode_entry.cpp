@@ -70,7 +70,7 @@ QString digitsAfterBackspace(QStringView digits)
     return normalizedDigits(QStringView(kept).first(lastCharacters(kept, 1).position));
 }
 
-bool isValidFieldDigits(QStringView digits, bool dropFrame, float nominalFps)
+bool isValidFieldDigits(QStringView digits, bool dropFrame, core::FrameRate nominalFps)
 {
     return timecode::isValidTimecodeDigits(
         digits.toString().toStdString(), counting(dropFrame), nominalFps);

@@ -40,7 +40,10 @@ bool isTyping(const QKeyEvent& event)
 const QColor TimecodeField::kValidColor = QColor::fromRgbF(0.204F, 0.780F, 0.349F, 0.7F);
 const QColor TimecodeField::kInvalidColor = QColor::fromRgbF(1.0F, 0.231F, 0.188F, 0.7F);
 
-TimecodeField::TimecodeField(TimecodeFieldId id, bool dropFrame, float nominalFps, QWidget* parent)
+TimecodeField::TimecodeField(TimecodeFieldId id,
+                             bool dropFrame,
+                             core::FrameRate nominalFps,
+                             QWidget* parent)
     : QLineEdit(parent)
     , id_(id)
     , judgedDropFrame_(dropFrame)
@@ -88,7 +91,7 @@ void TimecodeField::setDropFrame(bool dropFrame)
     }
 }
 
-void TimecodeField::setNominalFps(float nominalFps)
+void TimecodeField::setNominalFps(core::FrameRate nominalFps)
 {
     nominalFps_ = nominalFps;
 }

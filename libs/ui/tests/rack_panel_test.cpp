@@ -118,7 +118,7 @@ TEST_F(PanelOnClips, ButtonsFollowTheRateAndTheChoices)
     click(RackButtonId::selectVideo);
     EXPECT_EQ(model().errorMessage(), std::nullopt);
     EXPECT_EQ(model().selectedURL(), std::nullopt);
-    EXPECT_EQ(model().nominalFPS(), 29.97F);
+    EXPECT_EQ(model().nominalFPS(), core::kFps2997);
 
     click(RackButtonId::fps25);
     click(RackButtonId::DF);

@@ -68,15 +68,15 @@ TEST(FieldDigits, EditsEnterAtTheRightAndBackspaceTakesTheLast)
 
 TEST(FieldDigits, ValidityUsesTheDropFrameFlagAndTheRate)
 {
-    const std::tuple<QString, bool, float, bool> rows[] = {
-        {u"00010000"_s, false, 29.97F, true},
-        {u"00010000"_s, true, 29.97F, false},  // 00:01:00;00 is skipped by drop-frame
-        {u"00000029"_s, false, 29.97F, true},
-        {u"00000029"_s, false, 25.0F, false},
+    const std::tuple<QString, bool, core::FrameRate, bool> rows[] = {
+        {u"00010000"_s, false, core::kFps2997, true},
+        {u"00010000"_s, true, core::kFps2997, false},  // 00:01:00;00 is skipped by drop-frame
+        {u"00000029"_s, false, core::kFps2997, true},
+        {u"00000029"_s, false, core::kFps25, false},
     };
     for (const auto& [digits, dropFrame, fps, isValid] : rows) {
         EXPECT_EQ(isValidFieldDigits(digits, dropFrame, fps), isValid)
-            << digits.toStdString() << " " << dropFrame << " " << fps;
+            << digits.toStdString() << " " << dropFrame << " " << fps.framesPerSecond();
     }
 }
 

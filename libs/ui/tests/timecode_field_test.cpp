@@ -36,7 +36,7 @@ TEST(TimecodeField, KeystrokesEnterAtTheRight)
         {u"\b"_s, u"00:00:00:00"_s, 0},
     };
     for (const auto& [keys, shown, edits] : rows) {
-        TimecodeField field(TimecodeFieldId::sessionStart, false, 25.0F);
+        TimecodeField field(TimecodeFieldId::sessionStart, false, core::kFps25);
         const QSignalSpy spy(&field, &TimecodeField::digitsEdited);
         QTest::keyClicks(&field, keys);
         EXPECT_EQ(field.text(), shown) << keys.toStdString();
@@ -49,7 +49,7 @@ TEST(TimecodeField, KeystrokesEnterAtTheRight)
 
 TEST(TimecodeField, PasteKeepsTheLastEightNumerals)
 {
-    TimecodeField field(TimecodeFieldId::videoStart, false, 30.0F);
+    TimecodeField field(TimecodeFieldId::videoStart, false, core::kFps30);
     const QSignalSpy spy(&field, &TimecodeField::digitsEdited);
     QGuiApplication::clipboard()->setText(u"12:34:56:78 abc 9"_s);
     QTest::keySequence(&field, QKeySequence::Paste);
@@ -60,7 +60,7 @@ TEST(TimecodeField, PasteKeepsTheLastEightNumerals)
 
 TEST(TimecodeField, SettersShowTheOwnersStateWithoutEmitting)
 {
-    TimecodeField field(TimecodeFieldId::sessionStart, true, 29.97F);
+    TimecodeField field(TimecodeFieldId::sessionStart, true, core::kFps2997);
     const QSignalSpy spy(&field, &TimecodeField::digitsEdited);
     field.setDigits(u"01000000"_s);
     EXPECT_EQ(field.text(), u"01:00:00;00"_s);
@@ -77,8 +77,8 @@ TEST(TimecodeField, SettersShowTheOwnersStateWithoutEmitting)
 // (here for 25 fps, set after the field was made at 29.97) replaces it when it comes.
 TEST(TimecodeField, ColourFollowsEveryKeystrokeThenTheOwnersVerdict)
 {
-    TimecodeField field(TimecodeFieldId::sessionStart, false, 29.97F);
-    field.setNominalFps(25.0F);
+    TimecodeField field(TimecodeFieldId::sessionStart, false, core::kFps2997);
+    field.setNominalFps(core::kFps25);
     EXPECT_EQ(textColour(field), TimecodeField::kInvalidColor);
     field.setValid(true);
     EXPECT_EQ(textColour(field), TimecodeField::kValidColor);
@@ -135,8 +135,9 @@ protected:
 
     QWidget window_;
     TimecodeField* session_ =
-        new TimecodeField(TimecodeFieldId::sessionStart, false, 25.0F, &window_);
-    TimecodeField* video_ = new TimecodeField(TimecodeFieldId::videoStart, false, 25.0F, &window_);
+        new TimecodeField(TimecodeFieldId::sessionStart, false, core::kFps25, &window_);
+    TimecodeField* video_ =
+        new TimecodeField(TimecodeFieldId::videoStart, false, core::kFps25, &window_);
     QPushButton* button_ = new QPushButton(u"Scan"_s, &window_);
     TimecodeKeyLoop loop_;
 };

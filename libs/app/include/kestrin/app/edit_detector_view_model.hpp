@@ -66,7 +66,8 @@ class EditDetectorViewModel : public QObject
     Q_OBJECT
     Q_PROPERTY(std::optional<std::filesystem::path> selectedURL READ selectedURL WRITE
                    setSelectedURL NOTIFY selectedURLChanged)
-    Q_PROPERTY(float nominalFPS READ nominalFPS WRITE setNominalFPS NOTIFY nominalFPSChanged)
+    Q_PROPERTY(kestrin::core::FrameRate nominalFPS READ nominalFPS WRITE setNominalFPS NOTIFY
+                   nominalFPSChanged)
     Q_PROPERTY(std::optional<bool> detectedIsDropFrame READ detectedIsDropFrame NOTIFY
                    detectedIsDropFrameChanged)
     Q_PROPERTY(std::optional<bool> userPrefersDropFrame READ userPrefersDropFrame WRITE
@@ -113,10 +114,10 @@ public:
     /// panel calls loadVideoInfo() for a new file.
     [[nodiscard]] const std::optional<std::filesystem::path>& selectedURL() const;
     void setSelectedURL(const std::optional<std::filesystem::path>& url);
-    /// The rate in force, 29.97 at first; one of kSupportedFrameRates once set by a file or the
-    /// panel (it is stored as given, not snapped).
-    [[nodiscard]] float nominalFPS() const;
-    void setNominalFPS(float fps);
+    /// The rate in force, 29.97 at first; set by a file (its rate snapped to a standard one) or by
+    /// the panel's rate buttons.
+    [[nodiscard]] core::FrameRate nominalFPS() const;
+    void setNominalFPS(core::FrameRate rate);
     /// The drop-frame flag read from the file; absent when unknown or not applicable.
     [[nodiscard]] std::optional<bool> detectedIsDropFrame() const;
     /// The user's DF/NDF choice; absent until made. Outlives a change of file or rate.
@@ -196,14 +197,14 @@ public:
     [[nodiscard]] bool isDropFrame() const;
     /// Whether drop-frame counting applies at `rate`: only at 29.97 and 59.94, where the user's
     /// choice decides, else the file's flag, else true.
-    [[nodiscard]] bool effectiveDropFrame(float rate) const;
+    [[nodiscard]] bool effectiveDropFrame(core::FrameRate rate) const;
 
     /// Sets both validity flags now from the current values (logging each).
     void revalidateTimecodes();
 
 signals:
     void selectedURLChanged(const std::optional<std::filesystem::path>& url);
-    void nominalFPSChanged(float fps);
+    void nominalFPSChanged(kestrin::core::FrameRate rate);
     void detectedIsDropFrameChanged(std::optional<bool> detected);
     void userPrefersDropFrameChanged(std::optional<bool> preferred);
     void markersChanged(const std::vector<kestrin::core::EditMarker>& markers);
@@ -267,7 +268,7 @@ private:
 
     // Everything below: interface thread only.
     std::optional<std::filesystem::path> selectedURL_;
-    float nominalFPS_ = 29.97F;
+    core::FrameRate nominalFPS_ = core::kFps2997;
     std::optional<bool> detectedIsDropFrame_;
     std::optional<bool> userPrefersDropFrame_;
     std::vector<core::EditMarker> markers_;

@@ -2,10 +2,10 @@
 
 #include <kestrin/core/edit_marker.hpp>
 #include <kestrin/core/error.hpp>
+#include <kestrin/core/frame_rate.hpp>
 #include <kestrin/midi/midi_export_service.hpp>
 #include <kestrin/midi/midi_frame_rate.hpp>
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -13,18 +13,6 @@
 #include <vector>
 
 namespace kestrin::app {
-
-/// The nominal rates a video's rate is snapped to, in the order that decides ties.
-inline constexpr std::array<float, 8> kSupportedFrameRates = {
-    23.976F, 24.0F, 25.0F, 29.97F, 30.0F, 50.0F, 59.94F, 60.0F};
-
-/// The supported rate nearest to `rate`, compared in 32-bit floats; on a tie the earlier (smaller)
-/// rate wins, so 24.5 gives 24 and 40 gives 30. NaN gives 23.976.
-[[nodiscard]] float snapFrameRate(float rate);
-
-/// Whole frames per second of the timecode at a snapped rate: 24 at 23.976, 30 at 29.97, 60 at
-/// 59.94 (each within 0.01), otherwise the rate rounded half away from zero.
-[[nodiscard]] int integerFrameRate(float rate);
 
 /// Where the drop-frame decision comes from: what the user chose and what the file says; each
 /// absent until known.
@@ -34,29 +22,24 @@ struct DropFrameSources
     std::optional<bool> detectedIsDropFrame;
 };
 
-/// Whether drop-frame counting applies at `rate`: never away from 29.97 and 59.94 (within 0.002);
-/// there the user's choice, else the file's flag, else true.
-[[nodiscard]] bool effectiveDropFrame(float rate, const DropFrameSources& sources);
+/// Whether drop-frame counting applies at `rate`: never where the rate has none (see
+/// FrameRate::allowsDropFrame); there the user's choice, else the file's flag, else true.
+[[nodiscard]] bool effectiveDropFrame(core::FrameRate rate, const DropFrameSources& sources);
 
-/// The frame of the timecode at the snapped `nominalFPS` on which `marker` lies, counted from the
-/// video's start: the marker's own time times the exact rate (24000/1001 at 23.976, 30000/1001 at
-/// 29.97, 60000/1001 at 59.94, else the whole rate), rounded to the nearest frame; the marker's
-/// frame index when its time is not a number. So a cut at 2.0 s of a 15 fps video (its frame 30)
-/// lies on frame 48 at 24, 2.0 s into the session, and a cut's frame of a video at a standard rate
-/// is its frame index.
-[[nodiscard]] std::int64_t timecodeFrameOf(const core::EditMarker& marker, float nominalFPS);
+/// The frame of the timecode at `rate` on which `marker` lies, counted from the video's start:
+/// the marker's own time times the exact rate, rounded to the nearest frame (halves away from
+/// zero); the marker's frame index when its time is not a number or the rate is not above 0. So a
+/// cut at 2.0 s of a 15 fps video (its frame 30) lies on frame 48 at 24, 2.0 s into the session,
+/// and a cut's frame of a video at a standard rate is its frame index.
+[[nodiscard]] std::int64_t timecodeFrameOf(const core::EditMarker& marker, core::FrameRate rate);
 
-/// Frames from Session Start to Video Start at the snapped `nominalFPS` (negative when the video
-/// starts before the session); absent when either digit string is not a timecode at that rate.
+/// Frames from Session Start to Video Start at `rate` (negative when the video starts before the
+/// session); absent when either digit string is not a timecode at that rate.
 [[nodiscard]] std::optional<std::int64_t> videoStartOffsetFrames(
-    float nominalFPS,
+    core::FrameRate rate,
     const DropFrameSources& sources,
     std::string_view sessionStartDigits,
     std::string_view videoStartDigits);
-
-/// The MIDI rate code for the snapped `nominalFPS` and its effective drop-frame flag; 24 fps for a
-/// rate that is none of the supported ones.
-[[nodiscard]] midi::MIDIFrameRate exportRateCode(float nominalFPS, const DropFrameSources& sources);
 
 /// Why markers cannot be exported.
 enum class ExportError : std::uint8_t { noMarkers, invalidTimecode, videoStartBeforeSessionStart };
@@ -81,7 +64,7 @@ inline constexpr std::string_view kDefaultMarkerName = "Cut {n}";
 struct MarkerExport
 {
     std::vector<core::EditMarker> markers;
-    float nominalFPS = 29.97F;
+    core::FrameRate rate = core::kFps2997;
     DropFrameSources dropFrame;
     std::string_view sessionStartDigits = "00000000";
     std::string_view videoStartDigits = "01000000";

@@ -34,8 +34,8 @@ struct PlannedCut
 struct MarkerPlan
 {
     midi::MIDIFrameRate rate = midi::MIDIFrameRate::Fps24;
-    /// The rate the timecodes count at (snapFrameRate of the request's).
-    float nominalFPS = 24.0F;
+    /// The rate the timecodes count at (the request's).
+    core::FrameRate frameRate = core::kFps24;
     bool isDropFrame = false;
     /// The two timecodes as texts (HH:MM:SS:FF, ";" before the frames under drop-frame).
     std::string sessionStart;

@@ -2,6 +2,7 @@
 
 #include <kestrin/app/export_rules.hpp>
 #include <kestrin/app/timer_source.hpp>
+#include <kestrin/core/frame_rate.hpp>
 
 #include <chrono>
 #include <functional>
@@ -15,7 +16,7 @@ namespace kestrin::app {
 /// Whether the numeric characters of `text` name a timecode at `rate`, counted drop-frame when
 /// effectiveDropFrame(rate, dropFrame) says so. Other characters are ignored.
 [[nodiscard]] bool isValidTimecode(std::string_view text,
-                                   float rate,
+                                   core::FrameRate rate,
                                    const DropFrameSources& dropFrame);
 
 /// Keeps one timecode's validity flag in step with its four inputs: the digit text, the rate and
@@ -41,13 +42,13 @@ public:
     TimecodeValidation(TimerSource& timers,
                        std::chrono::milliseconds quietPeriod,
                        std::string digits,
-                       float rate,
+                       core::FrameRate rate,
                        DropFrameSources dropFrame,
                        Deliver deliver);
 
     /// The text as typed; restarts the quiet period.
     void digitsChanged(std::string digits);
-    void rateChanged(float rate);
+    void rateChanged(core::FrameRate rate);
     void detectedIsDropFrameChanged(std::optional<bool> detected);
     void userPrefersDropFrameChanged(std::optional<bool> preferred);
 
@@ -60,7 +61,7 @@ private:
     std::string typedDigits_;
     // Absent until the first quiet period has ended.
     std::optional<std::string> settledDigits_;
-    float rate_;
+    core::FrameRate rate_;
     DropFrameSources dropFrame_;
     Deliver deliver_;
     std::unique_ptr<OneShotTimer> timer_;

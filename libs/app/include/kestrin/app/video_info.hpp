@@ -1,6 +1,7 @@
 #pragma once
 
 #include <kestrin/core/error.hpp>
+#include <kestrin/core/frame_rate.hpp>
 #include <kestrin/media/asset.hpp>
 
 #include <filesystem>
@@ -12,9 +13,9 @@ namespace kestrin::app {
 /// What a video file says of its timing.
 struct VideoInfo
 {
-    /// The file's rate snapped to a supported rate; absent when the file states no usable rate
+    /// The file's rate snapped to a standard rate; absent when the file states no usable rate
     /// (the rate in force then stays as it was).
-    std::optional<float> nominalFPS;
+    std::optional<core::FrameRate> frameRate;
     /// The drop-frame flag of the file's timecode track at 29.97 and 59.94; absent at other rates
     /// or when no rate is known.
     std::optional<bool> detectedIsDropFrame;
@@ -30,8 +31,8 @@ struct VideoInfo
                                                       std::stop_token stopToken = {});
 
 /// Bit 0 of the flags of the first timecode track's first description when that description is a
-/// timecode description; otherwise guessed from the snapped rate `rate`: true within 0.02 of 29.97
-/// or within 0.05 of 59.94. Never fails.
-[[nodiscard]] bool detectDropFrame(const media::Asset& asset, float rate);
+/// timecode description; otherwise guessed from `rate`: true where drop-frame numbering exists
+/// (29.97 and 59.94). Never fails.
+[[nodiscard]] bool detectDropFrame(const media::Asset& asset, core::FrameRate rate);
 
 }  // namespace kestrin::app

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kestrin/core/frame_rate.hpp>
+
 #include <cstdint>
 
 namespace kestrin::midi {
@@ -43,18 +45,14 @@ struct TickRatio
 /// code the view model chooses for a rate it does not recognise.
 [[nodiscard]] TickRatio ticksPerFrame(MIDIFrameRate rate);
 
-/// A frame rate as the exact ratio numerator / denominator frames per second, e.g. 30000 / 1001.
-struct FrameRateRatio
-{
-    std::int64_t numerator = 24;
-    std::int64_t denominator = 1;
-
-    friend bool operator==(const FrameRateRatio&, const FrameRateRatio&) = default;
-};
-
 /// The frame rate of `rate`: 19200 / ticksPerFrame(rate), so 30000/1001 for both 29.97 codes and
 /// 24/1 for a value outside 0..13.
-[[nodiscard]] FrameRateRatio framesPerSecond(MIDIFrameRate rate);
+[[nodiscard]] core::FrameRate framesPerSecond(MIDIFrameRate rate);
+
+/// The code of `rate` with drop-frame numbering when `dropFrame` (ignored where the rate has
+/// none): the main code where two codes share a rate (1 for 60, 8 for 30), and 24 fps for a rate
+/// that has no code.
+[[nodiscard]] MIDIFrameRate frameRateCode(core::FrameRate rate, bool dropFrame);
 
 /// Whether `rate` is one of the two drop-frame codes (2 and 9).
 [[nodiscard]] bool isDropFrame(MIDIFrameRate rate);

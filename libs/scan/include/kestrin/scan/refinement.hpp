@@ -2,6 +2,7 @@
 
 #include <kestrin/core/edit_marker.hpp>
 #include <kestrin/core/error.hpp>
+#include <kestrin/core/frame_rate.hpp>
 #include <kestrin/core/media_time.hpp>
 #include <kestrin/media/asset.hpp>
 #include <kestrin/scan/frame_access.hpp>
@@ -24,15 +25,6 @@ inline constexpr int kRefineHalfWidth = 12;
 /// Timescale of the bounds of a refinement's search range.
 inline constexpr std::int32_t kRefineTimescale = 600;
 
-/// A frame rate as an exact fraction: numerator / denominator frames per second.
-struct FrameRateRational
-{
-    std::int64_t numerator = 0;
-    std::int64_t denominator = 1;
-
-    friend bool operator==(const FrameRateRational&, const FrameRateRational&) = default;
-};
-
 /// The track's frame rate as a fraction. The minimum frame duration is used when the track gives
 /// a valid one with a value other than 0 (1001/30000 s gives 30000 / 1001); a failed load of it is
 /// not an error. Otherwise the nominal rate f is mapped, first matching row deciding:
@@ -46,12 +38,12 @@ struct FrameRateRational
 /// (bounds inclusive, as 32-bit floats; single values exact; rounding halves away from zero). A
 /// rate that is 0, negative, not finite or too large to scale gives 0 / 1000, a rate no refinement
 /// can use. Errors: a failed load of the nominal rate, unchanged. Costs nothing; any thread.
-[[nodiscard]] core::Expected<FrameRateRational> frameRateRational(const media::Track& track);
+[[nodiscard]] core::Expected<core::FrameRate> frameRateRational(const media::Track& track);
 
 /// The frame a presentation time falls in at `rate`: floor(value x num / (timescale x den) + 1e-9)
 /// in 64-bit floats, so that a time a hair below a frame boundary through rounding still counts as
 /// that frame (45045/30000 s at 30000 / 1001 is frame 45).
-[[nodiscard]] std::int64_t frameIndexAt(const core::MediaTime& time, FrameRateRational rate);
+[[nodiscard]] std::int64_t frameIndexAt(const core::MediaTime& time, core::FrameRate rate);
 
 /// Pins a cut to one frame: decodes the frames within `halfWidth` frame durations either side of
 /// `candidateFrame` (the range clipped to 0 and the asset's duration, its bounds on a 1/600 s
@@ -85,7 +77,7 @@ struct FrameRateRational
 /// side of the candidate at `rate`, clipped to 0 and `durationSeconds`, its bounds on a 1/600 s
 /// clock. `rate` must be usable (numerator and denominator above 0).
 [[nodiscard]] core::MediaTimeRange refinementRange(std::int64_t candidateFrame,
-                                                   FrameRateRational rate,
+                                                   core::FrameRate rate,
                                                    double durationSeconds,
                                                    int halfWidth = kRefineHalfWidth);
 
@@ -96,7 +88,7 @@ struct FrameRateRational
 /// in range; allocates nothing. Any thread, concurrently with other readers of the timeline.
 [[nodiscard]] std::optional<core::EditMarker> refineFromTimeline(std::int64_t candidateFrame,
                                                                  const FrameTimeline& timeline,
-                                                                 FrameRateRational rate,
+                                                                 core::FrameRate rate,
                                                                  double durationSeconds,
                                                                  int halfWidth = kRefineHalfWidth);
 

@@ -17,6 +17,8 @@
 // reads as U+FFFD (not numeric), and no input makes a function trap or overflow; only a failed
 // allocation throws.
 
+#include <kestrin/core/frame_rate.hpp>
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -62,19 +64,19 @@ struct TimecodeComponents
 /// "1234" gives "00:00:12:34", "" gives "00:00:00:00", "123456789" gives "12:34:56:78".
 [[nodiscard]] std::string timecodeDisplayString(std::string_view digits, FrameCounting counting);
 
-/// Whether `digits` names an existing timecode at the nominal rate `nominalFps`. `digits` is
+/// Whether `digits` names an existing timecode at `rate`. `digits` is
 /// taken as it is: the caller has already removed what is not numeric (see `numericOnly`);
 /// otherwise a group such as "+5" or "-1" reads as a number like any other.
 ///
 /// False when `digits` is empty or holds more than eight characters. After padding to eight, the
 /// groups HH, MM, SS, FF are read as decimal integers; an hours group that does not read as one
 /// (a non-ASCII numeral, say) counts as 0, any other such group as 99. False when hours exceed 23,
-/// minutes or seconds exceed 59, or frames are not below `formatterFrameBase(nominalFps)`. Under
+/// minutes or seconds exceed 59, or frames are not below `rate.timecodeBase()`. Under
 /// drop-frame also false when the label is one that drop-frame numbering skips (base 60 counts
 /// as `DropFrameBase::Sixty`, any other as `DropFrameBase::Thirty`). True otherwise.
 [[nodiscard]] bool isValidTimecodeDigits(std::string_view digits,
                                          FrameCounting counting,
-                                         float nominalFps);
+                                         core::FrameRate rate);
 
 /// Frames from 00:00:00:00 to the timecode that `digits` names, counting `fps` frames a second
 /// (the frame base, 24, 25, 30, 50 or 60 in use).
@@ -116,11 +118,5 @@ struct TimecodeComponents
 [[nodiscard]] std::optional<std::string> timecodeTextForFrame(std::int64_t frame,
                                                               int fps,
                                                               FrameCounting counting);
-
-/// The frame base for a nominal rate, computed in double precision: 24 closer than 0.02 to 23.976,
-/// 30 closer than 0.03 to 29.97, 60 closer than 0.05 to 59.94, otherwise the rate rounded to the
-/// nearest whole number (halves away from zero). Never below 1 (NaN, zero and negative rates give
-/// 1) and clamped to the largest `int` (infinity and huge rates give that).
-[[nodiscard]] int formatterFrameBase(float nominalFps);
 
 }  // namespace kestrin::timecode

@@ -61,9 +61,9 @@ struct RackDialogs
 ///   Cancel         enabled and lit while a scan runs.
 ///   Export MIDI    enabled and lit with markers, both timecodes valid and no scan running; asks
 ///                  the view model for the file and the save dialog for a place (see below).
-///   rates          enabled unless a scan runs; lit when nominalFPS is within 0.002 of the
-///                  button's rate; set nominalFPS to it.
-///   DF, NDF        enabled at 29.97 and 59.94 (within 0.002) unless a scan runs; lit there when
+///   rates          enabled unless a scan runs; lit when nominalFPS is the button's rate; set
+///                  nominalFPS to it.
+///   DF, NDF        enabled at 29.97 and 59.94 unless a scan runs; lit there when
 ///                  drop-frame is (DF) or is not (NDF) in force; set userPrefersDropFrame.
 ///
 /// A change of selectedURL to a video loads its information (so a video chosen in the dialog is

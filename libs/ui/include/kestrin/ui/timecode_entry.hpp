@@ -11,6 +11,8 @@
 //
 // Pure functions of their arguments; safe on any thread.
 
+#include <kestrin/core/frame_rate.hpp>
+
 #include <QString>
 #include <QStringView>
 
@@ -41,6 +43,8 @@ inline constexpr qsizetype kFieldDigitCount = 8;
 /// Whether `digits` (as kept by the field) names an existing timecode at the nominal rate
 /// `nominalFps`, with drop-frame numbering when `dropFrame` holds. The rules are those of
 /// `kestrin::timecode::isValidTimecodeDigits`.
-[[nodiscard]] bool isValidFieldDigits(QStringView digits, bool dropFrame, float nominalFps);
+[[nodiscard]] bool isValidFieldDigits(QStringView digits,
+                                      bool dropFrame,
+                                      core::FrameRate nominalFps);
 
 }  // namespace kestrin::ui

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kestrin/core/frame_rate.hpp>
+
 #include <QColor>
 #include <QLineEdit>
 #include <QPointer>
@@ -58,7 +60,10 @@ public:
     /// A field `id` showing "00:00:00:00" in red. `dropFrame` and `nominalFps` are the settings
     /// in force: the display follows later `setDropFrame` calls, while the immediate verdict after
     /// an edit keeps judging with these (see the class comment).
-    TimecodeField(TimecodeFieldId id, bool dropFrame, float nominalFps, QWidget* parent = nullptr);
+    TimecodeField(TimecodeFieldId id,
+                  bool dropFrame,
+                  core::FrameRate nominalFps,
+                  QWidget* parent = nullptr);
     ~TimecodeField() override;
     TimecodeField(const TimecodeField&) = delete;
     TimecodeField& operator=(const TimecodeField&) = delete;
@@ -69,7 +74,7 @@ public:
     /// The eight-character digit string the field keeps (HHMMSSFF, no separators).
     [[nodiscard]] QString digits() const { return digits_; }
     [[nodiscard]] bool isDropFrame() const { return dropFrame_; }
-    [[nodiscard]] float nominalFps() const { return nominalFps_; }
+    [[nodiscard]] core::FrameRate nominalFps() const { return nominalFps_; }
     /// The verdict the text colour shows: the owner's last one, or the field's own after an edit.
     [[nodiscard]] bool isValid() const { return isValid_; }
 
@@ -81,7 +86,7 @@ public:
     void setDropFrame(bool dropFrame);
     /// The nominal rate carried with the field's settings; it does not change the immediate
     /// verdict after an edit (see the class comment).
-    void setNominalFps(float nominalFps);
+    void setNominalFps(core::FrameRate nominalFps);
     /// The owner's verdict on the digits: green text when true, red when false.
     void setValid(bool isValid);
 
@@ -120,9 +125,9 @@ private:
     const TimecodeFieldId id_;
     // The settings the immediate verdict judges with; immutable after construction.
     const bool judgedDropFrame_;
-    const float judgedNominalFps_;
+    const core::FrameRate judgedNominalFps_;
     bool dropFrame_;
-    float nominalFps_;
+    core::FrameRate nominalFps_;
     bool isValid_ = false;
     QString digits_;
     QPointer<TimecodeKeyLoop> keyLoop_;  // set by TimecodeKeyLoop::add
