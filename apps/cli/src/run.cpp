@@ -6,7 +6,6 @@
 #include <kestrin/core/safe_file.hpp>
 #include <kestrin/midi/standard_midi_export_service.hpp>
 #include <kestrin/scan/scan_error.hpp>
-#include <kestrin/timecode/timecode.hpp>
 
 #include <algorithm>
 #include <utility>
@@ -131,17 +130,10 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
         report.error = plan.error();
         return report;
     }
-    const int base = rate.timecodeBase();
-    const auto counting =
-        report.dropFrame ? timecode::FrameCounting::DropFrame : timecode::FrameCounting::NonDrop;
-    const std::int64_t sessionStart =
-        timecode::timecodeFrameCount(options_.sessionStartDigits, base, counting).value_or(0);
     for (const core::EditMarker& marker : *markers) {
-        const std::int64_t frame =
-            sessionStart + plan->videoStartFrame + app::timecodeFrameOf(marker, rate);
         report.cuts.push_back({marker.frameIndex,
                                marker.time.seconds(),
-                               timecode::timecodeTextForFrame(frame, base, counting).value_or(""),
+                               app::sessionTimecodeOf(*plan, marker),
                                marker.confidence});
     }
     report.damage = app::summarizeDamage(damage, *plan);

@@ -316,6 +316,21 @@ DropFrameSources EditDetectorViewModel::dropFrameSources() const
             .detectedIsDropFrame = detectedIsDropFrame_};
 }
 
+bool EditDetectorViewModel::canStartScan() const
+{
+    return selectedURL_.has_value() && isSessionTCValid_ && isVideoTCValid_ && !isProcessing_;
+}
+
+bool EditDetectorViewModel::canExport() const
+{
+    return !markers_.empty() && isSessionTCValid_ && isVideoTCValid_ && !isProcessing_;
+}
+
+bool EditDetectorViewModel::isDropFrameApplicable() const
+{
+    return nominalFPS_.allowsDropFrame();
+}
+
 bool EditDetectorViewModel::isDropFrame() const
 {
     return effectiveDropFrame(nominalFPS_);

@@ -83,7 +83,7 @@ core::Expected<std::vector<std::uint8_t>> makeMIDIData(const MarkerExport& reque
         return plan.error();
     }
     std::vector<std::int64_t> deltas;
-    std::vector<std::string> names = {"VIDEO START"};
+    std::vector<std::string> names = {std::string(kVideoStartMarkerName)};
     std::int64_t previous = 0;
     for (const PlannedCut& cut : plan->cuts) {
         deltas.push_back(cut.frame - previous);

@@ -32,9 +32,13 @@ std::string fixedSixDecimals(double value)
 
 std::string sessionTimecodeAt(const MarkerPlan& plan, const core::MediaTime& time)
 {
-    const core::EditMarker at{.frameIndex = 0, .time = time, .confidence = {}};
+    return sessionTimecodeOf(plan, {.frameIndex = 0, .time = time, .confidence = {}});
+}
+
+std::string sessionTimecodeOf(const MarkerPlan& plan, const core::EditMarker& marker)
+{
     const std::int64_t frame =
-        plan.sessionStartFrame + plan.videoStartFrame + timecodeFrameOf(at, plan.frameRate);
+        plan.sessionStartFrame + plan.videoStartFrame + timecodeFrameOf(marker, plan.frameRate);
     return timecode::timecodeTextForFrame(frame,
                                           plan.frameRate.timecodeBase(),
                                           plan.isDropFrame ? timecode::FrameCounting::DropFrame

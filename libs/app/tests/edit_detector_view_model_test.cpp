@@ -351,6 +351,39 @@ TEST_F(ViewModelScan, OutcomesShowInTheFieldsAndTheLog)
     }
 }
 
+// What the panel enables comes from here: a scan needs a video, valid timecodes and no scan
+// running; an export needs markers instead of the video; DF/NDF mean something at 29.97 and
+// 59.94 only.
+TEST_F(ViewModelScan, ScanExportAndDropFrameAreOfferedOnlyWhereTheyApply)
+{
+    EXPECT_TRUE(model_->canStartScan());
+    EXPECT_FALSE(model_->canExport()) << "no markers yet";
+    startScan();
+    EXPECT_FALSE(model_->canStartScan()) << "a scan runs";
+    script_.push(std::vector{markerAt(12)});
+    ASSERT_TRUE(waitUntil([&] { return !model_->isProcessing(); }));
+    EXPECT_TRUE(model_->canStartScan());
+    EXPECT_TRUE(model_->canExport());
+
+    model_->setSessionStartDigits("99");  // frame 99 does not exist
+    timers_->advance(150ms);
+    turnEventLoop();
+    EXPECT_FALSE(model_->canStartScan()) << "an invalid Session Start";
+    EXPECT_FALSE(model_->canExport()) << "an invalid Session Start";
+    model_->setSessionStartDigits("0");
+    model_->setSelectedURL(std::nullopt);
+    timers_->advance(150ms);
+    turnEventLoop();
+    EXPECT_FALSE(model_->canStartScan()) << "no video";
+    EXPECT_TRUE(model_->canExport()) << "the markers stay";
+
+    for (const core::StandardFrameRate& row : core::kStandardFrameRates) {
+        model_->setNominalFPS(row.rate);
+        EXPECT_EQ(model_->isDropFrameApplicable(), row.label == "29.97" || row.label == "59.94")
+            << row.label;
+    }
+}
+
 TEST_F(ViewModelScan, RestartShowsOnlyTheNewScan)
 {
     // What the first scan does just before the restart, the event loop not turning in between:

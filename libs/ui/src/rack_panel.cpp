@@ -45,29 +45,23 @@ struct ButtonState
 ButtonState buttonState(RackButtonId id, const EditDetectorViewModel& model)
 {
     const bool isIdle = !model.isProcessing();
-    const bool areTimecodesValid = model.isSessionTCValid() && model.isVideoTCValid();
-    const core::FrameRate rate = model.nominalFPS();
     switch (id) {
         case RackButtonId::selectVideo:
             return {isIdle, isIdle};
-        case RackButtonId::startScan: {
-            const bool isReady = model.selectedURL().has_value() && isIdle && areTimecodesValid;
-            return {isReady, isReady};
-        }
+        case RackButtonId::startScan:
+            return {model.canStartScan(), model.canStartScan()};
         case RackButtonId::acancel:
             return {!isIdle, !isIdle};
-        case RackButtonId::exportMIDI: {
-            const bool isReady = !model.markers().empty() && areTimecodesValid && isIdle;
-            return {isReady, isReady};
-        }
+        case RackButtonId::exportMIDI:
+            return {model.canExport(), model.canExport()};
         case RackButtonId::DF:
         case RackButtonId::NDF: {
-            const bool isCapable = rate.allowsDropFrame();
+            const bool isApplicable = model.isDropFrameApplicable();
             const bool wantsDropFrame = id == RackButtonId::DF;
-            return {isCapable && isIdle, isCapable && model.isDropFrame() == wantsDropFrame};
+            return {isApplicable && isIdle, isApplicable && model.isDropFrame() == wantsDropFrame};
         }
         default:
-            return {isIdle, detail::buttonRate(id) == rate};
+            return {isIdle, detail::buttonRate(id) == model.nominalFPS()};
     }
 }
 
@@ -361,7 +355,7 @@ void RackPanel::press(RackButtonId id)
             chooseVideo();
             break;
         case RackButtonId::startScan:
-            if (buttonState(id, vm).isEnabled) {
+            if (vm.canStartScan()) {
                 vm.startScan();
             }
             break;
@@ -375,7 +369,7 @@ void RackPanel::press(RackButtonId id)
             break;
         case RackButtonId::DF:
         case RackButtonId::NDF:
-            if (vm.nominalFPS().allowsDropFrame()) {
+            if (vm.isDropFrameApplicable()) {
                 vm.setUserPrefersDropFrame(id == RackButtonId::DF);
             }
             break;
@@ -401,7 +395,7 @@ void RackPanel::chooseVideo()
 void RackPanel::exportMIDI()
 {
     EditDetectorViewModel& vm = *model_;
-    if (vm.markers().empty() || !vm.isSessionTCValid() || !vm.isVideoTCValid()) {
+    if (!vm.canExport()) {
         return;
     }
     core::Expected<std::vector<std::uint8_t>> bytes = vm.makeMIDIData();

@@ -193,6 +193,15 @@ public:
     /// Session Start, or the exporter's error.
     [[nodiscard]] core::Expected<std::vector<std::uint8_t>> makeMIDIData();
 
+    /// Whether a scan can start now: a video is chosen, both timecodes are valid and no scan
+    /// runs. Follows selectedURL, the validity flags and isProcessing.
+    [[nodiscard]] bool canStartScan() const;
+    /// Whether the markers can be exported now: there are markers, both timecodes are valid and
+    /// no scan runs. Follows markers, the validity flags and isProcessing.
+    [[nodiscard]] bool canExport() const;
+    /// Whether the user's drop-frame choice means anything at the rate in force: at 29.97 and
+    /// 59.94 only. Follows nominalFPS.
+    [[nodiscard]] bool isDropFrameApplicable() const;
     /// effectiveDropFrame(nominalFPS()).
     [[nodiscard]] bool isDropFrame() const;
     /// Whether drop-frame counting applies at `rate`: only at 29.97 and 59.94, where the user's

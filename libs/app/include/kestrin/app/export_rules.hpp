@@ -49,6 +49,9 @@ enum class ExportError : std::uint8_t { noMarkers, invalidTimecode, videoStartBe
 /// Start.", "Video Start is before Session Start.").
 [[nodiscard]] core::Error exportError(ExportError error);
 
+/// The text of the first marker of every file, where the video starts on the session timeline.
+inline constexpr std::string_view kVideoStartMarkerName = "VIDEO START";
+
 /// The text of cut markers unless the user chooses another: "Cut 1", "Cut 2", ... Workstations
 /// such as Ardour drop a marker whose name is blank, so the default names every cut.
 inline constexpr std::string_view kDefaultMarkerName = "Cut {n}";
@@ -69,7 +72,7 @@ struct MarkerExport
     std::string_view sessionStartDigits = "00000000";
     std::string_view videoStartDigits = "01000000";
     /// The pattern of every cut marker's text (see markerText); the first marker is always
-    /// "VIDEO START".
+    /// kVideoStartMarkerName.
     std::string_view markerName = kDefaultMarkerName;
 };
 

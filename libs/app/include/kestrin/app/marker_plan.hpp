@@ -56,8 +56,11 @@ struct MarkerPlan
 /// exportError(videoStartBeforeSessionStart) when Video Start comes before Session Start.
 [[nodiscard]] core::Expected<MarkerPlan> planMarkerExport(const MarkerExport& request);
 
-/// Where `time` of the video lies on the session timeline, as a timecode text: Session Start +
-/// videoStartFrame + the frame timecodeFrameOf gives a marker at `time`.
+/// Where `marker` lies on the session timeline, as a timecode text: Session Start +
+/// videoStartFrame + the frame timecodeFrameOf gives.
+[[nodiscard]] std::string sessionTimecodeOf(const MarkerPlan& plan, const core::EditMarker& marker);
+
+/// Where `time` of the video lies on the session timeline: sessionTimecodeOf a marker at `time`.
 [[nodiscard]] std::string sessionTimecodeAt(const MarkerPlan& plan, const core::MediaTime& time);
 
 /// What a scan could not read, in the terms of the export: the stretch read as timecodes on the

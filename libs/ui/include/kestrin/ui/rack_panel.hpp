@@ -57,13 +57,13 @@ struct RackDialogs
 /// Buttons: each is enabled, lit and acts by the view model's state:
 ///   Select Video   enabled and lit unless a scan runs; opens the video dialog, and a chosen file
 ///                  becomes selectedURL and has its information loaded.
-///   Start Scan     enabled and lit with a video, both timecodes valid and no scan running.
+///   Start Scan     enabled and lit when the view model's canStartScan holds.
 ///   Cancel         enabled and lit while a scan runs.
-///   Export MIDI    enabled and lit with markers, both timecodes valid and no scan running; asks
-///                  the view model for the file and the save dialog for a place (see below).
+///   Export MIDI    enabled and lit when canExport holds; asks the view model for the file and
+///                  the save dialog for a place (see below).
 ///   rates          enabled unless a scan runs; lit when nominalFPS is the button's rate; set
 ///                  nominalFPS to it.
-///   DF, NDF        enabled at 29.97 and 59.94 unless a scan runs; lit there when
+///   DF, NDF        enabled where isDropFrameApplicable holds, unless a scan runs; lit there when
 ///                  drop-frame is (DF) or is not (NDF) in force; set userPrefersDropFrame.
 ///
 /// A change of selectedURL to a video loads its information (so a video chosen in the dialog is
