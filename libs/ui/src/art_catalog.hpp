@@ -88,6 +88,18 @@ inline constexpr std::array<ArtEntry, 39> kArtCatalog{{
     {"keyframeLED2_OFF", 21.0, 21.0, ArtKind::Lamp, "", false},
 }};
 
+/// The entry of the image called `name`. Used in a constant expression, a name that is not in
+/// the catalog does not compile.
+[[nodiscard]] constexpr const ArtEntry& artEntry(std::string_view name)
+{
+    for (const ArtEntry& entry : kArtCatalog) {
+        if (entry.name == name) {
+            return entry;
+        }
+    }
+    throw "no such image in the art catalog";
+}
+
 /// The application icon: drawn with the rest, square, in pixels.
 inline constexpr std::string_view kIconName = "kestrin";
 inline constexpr int kIconPixels = 256;

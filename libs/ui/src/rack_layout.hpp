@@ -2,6 +2,8 @@
 
 // Where everything on the rack panel lies, in points from the panel's top-left corner, y down.
 
+#include "art_catalog.hpp"
+
 #include <kestrin/ui/rack_elements.hpp>
 #include <kestrin/ui/timecode_field.hpp>
 
@@ -28,9 +30,10 @@ struct RackButtonSpec
     [[nodiscard]] constexpr QRectF rect() const { return {x, y, width, height}; }
 };
 
-inline constexpr double kBig = 83.5;
-inline constexpr double kRateWidth = 56.4;
-inline constexpr double kRateHeight = 27.6;
+// Shorter names for the sizes of the catalog's button images.
+inline constexpr double kBig = kBigButtonPt;
+inline constexpr double kRateWidth = kRateButtonWidthPt;
+inline constexpr double kRateHeight = kRateButtonHeightPt;
 
 /// The buttons in drawing order, which is also RackButtonId's order.
 inline constexpr std::array<RackButtonSpec, 14> kRackButtons{{
@@ -79,22 +82,23 @@ inline constexpr std::array<RackButtonSpec, 14> kRackButtons{{
 struct RackArtSpec
 {
     std::string_view name;
-    double width;
-    double height;
     double x;
     double y;
 
-    [[nodiscard]] constexpr QRectF rect() const { return {x, y, width, height}; }
+    [[nodiscard]] constexpr QRectF rect() const
+    {
+        return {x, y, artEntry(name).widthPt, artEntry(name).heightPt};
+    }
 };
 
 /// The label art in drawing order.
 inline constexpr std::array<RackArtSpec, 6> kRackArt{{
-    {"FrameRate", 106, 21, 349, 21},
-    {"SessionStart", 129, 22, 393, 164},
-    {"VideoStart", 121, 21, 401, 196},
-    {"Logo04", 231, 74, 553, 329},
-    {"Progress", 134, 25, 284, 309},
-    {"Keyframes", 134, 23, 415, 228},
+    {"FrameRate", 349, 21},
+    {"SessionStart", 393, 164},
+    {"VideoStart", 401, 196},
+    {"Logo04", 553, 329},
+    {"Progress", 284, 309},
+    {"Keyframes", 415, 228},
 }};
 
 /// The rectangle of `size` centred at `centre`.
@@ -113,16 +117,18 @@ inline constexpr double kFieldInset = 8;
 inline constexpr QRectF kVideoLabelBox = centredRect({497, 135}, {425, 20});
 
 /// The scan LED.
-inline constexpr QRectF kScanLedRect = centredRect({288, 280}, {11, 37});
+inline constexpr QRectF kScanLedRect =
+    centredRect({288, 280}, {artEntry("led_on").widthPt, artEntry("led_on").heightPt});
 
 /// The progress bar: its centre and its LEDs.
 inline constexpr QPointF kLedBarCentre{503, 280};
 inline constexpr int kLedCount = 32;
-inline constexpr QSizeF kLedSize{11, 37};
+inline constexpr QSizeF kLedSize{artEntry("led_on").widthPt, artEntry("led_on").heightPt};
 inline constexpr double kLedGap = 2;
 
 /// The keyframe lamp, drawn above its neighbours.
 inline constexpr std::string_view kLampNameBase = "keyframeLED2";
-inline constexpr QRectF kLampRect{544, 226, 21, 21};
+inline constexpr QRectF kLampRect{
+    544, 226, artEntry("keyframeLED2_ON").widthPt, artEntry("keyframeLED2_ON").heightPt};
 
 }  // namespace kestrin::ui::detail
