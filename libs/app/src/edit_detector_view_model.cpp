@@ -77,6 +77,17 @@ EditDetectorViewModel::~EditDetectorViewModel()
 
 // Properties.
 
+template <typename T, typename Signal>
+bool EditDetectorViewModel::store(T& field, T value, Signal changed)
+{
+    if (value == field) {
+        return false;
+    }
+    field = std::move(value);
+    emit(this->*changed)(field);
+    return true;
+}
+
 const std::optional<std::filesystem::path>& EditDetectorViewModel::selectedURL() const
 {
     return selectedURL_;
@@ -84,11 +95,7 @@ const std::optional<std::filesystem::path>& EditDetectorViewModel::selectedURL()
 
 void EditDetectorViewModel::setSelectedURL(const std::optional<std::filesystem::path>& url)
 {
-    if (url == selectedURL_) {
-        return;
-    }
-    selectedURL_ = url;
-    emit selectedURLChanged(selectedURL_);
+    store(selectedURL_, url, &EditDetectorViewModel::selectedURLChanged);
 }
 
 core::FrameRate EditDetectorViewModel::nominalFPS() const
@@ -98,13 +105,10 @@ core::FrameRate EditDetectorViewModel::nominalFPS() const
 
 void EditDetectorViewModel::setNominalFPS(core::FrameRate rate)
 {
-    if (rate == nominalFPS_) {
-        return;
+    if (store(nominalFPS_, rate, &EditDetectorViewModel::nominalFPSChanged)) {
+        sessionValidation_->rateChanged(rate);
+        videoValidation_->rateChanged(rate);
     }
-    nominalFPS_ = rate;
-    emit nominalFPSChanged(rate);
-    sessionValidation_->rateChanged(rate);
-    videoValidation_->rateChanged(rate);
 }
 
 std::optional<bool> EditDetectorViewModel::detectedIsDropFrame() const
@@ -114,13 +118,10 @@ std::optional<bool> EditDetectorViewModel::detectedIsDropFrame() const
 
 void EditDetectorViewModel::setDetectedIsDropFrame(std::optional<bool> detected)
 {
-    if (detected == detectedIsDropFrame_) {
-        return;
+    if (store(detectedIsDropFrame_, detected, &EditDetectorViewModel::detectedIsDropFrameChanged)) {
+        sessionValidation_->detectedIsDropFrameChanged(detected);
+        videoValidation_->detectedIsDropFrameChanged(detected);
     }
-    detectedIsDropFrame_ = detected;
-    emit detectedIsDropFrameChanged(detected);
-    sessionValidation_->detectedIsDropFrameChanged(detected);
-    videoValidation_->detectedIsDropFrameChanged(detected);
 }
 
 std::optional<bool> EditDetectorViewModel::userPrefersDropFrame() const
@@ -130,13 +131,12 @@ std::optional<bool> EditDetectorViewModel::userPrefersDropFrame() const
 
 void EditDetectorViewModel::setUserPrefersDropFrame(std::optional<bool> preferred)
 {
-    if (preferred == userPrefersDropFrame_) {
-        return;
+    if (store(userPrefersDropFrame_,
+              preferred,
+              &EditDetectorViewModel::userPrefersDropFrameChanged)) {
+        sessionValidation_->userPrefersDropFrameChanged(preferred);
+        videoValidation_->userPrefersDropFrameChanged(preferred);
     }
-    userPrefersDropFrame_ = preferred;
-    emit userPrefersDropFrameChanged(preferred);
-    sessionValidation_->userPrefersDropFrameChanged(preferred);
-    videoValidation_->userPrefersDropFrameChanged(preferred);
 }
 
 const std::vector<core::EditMarker>& EditDetectorViewModel::markers() const
@@ -146,11 +146,7 @@ const std::vector<core::EditMarker>& EditDetectorViewModel::markers() const
 
 void EditDetectorViewModel::setMarkers(std::vector<core::EditMarker> markers)
 {
-    if (markers == markers_) {
-        return;
-    }
-    markers_ = std::move(markers);
-    emit markersChanged(markers_);
+    store(markers_, std::move(markers), &EditDetectorViewModel::markersChanged);
 }
 
 bool EditDetectorViewModel::isProcessing() const
@@ -160,11 +156,7 @@ bool EditDetectorViewModel::isProcessing() const
 
 void EditDetectorViewModel::setIsProcessing(bool isProcessing)
 {
-    if (isProcessing == isProcessing_) {
-        return;
-    }
-    isProcessing_ = isProcessing;
-    emit isProcessingChanged(isProcessing);
+    store(isProcessing_, isProcessing, &EditDetectorViewModel::isProcessingChanged);
 }
 
 bool EditDetectorViewModel::scanLEDisOn() const
@@ -174,11 +166,7 @@ bool EditDetectorViewModel::scanLEDisOn() const
 
 void EditDetectorViewModel::setScanLEDisOn(bool isOn)
 {
-    if (isOn == scanLEDisOn_) {
-        return;
-    }
-    scanLEDisOn_ = isOn;
-    emit scanLEDisOnChanged(isOn);
+    store(scanLEDisOn_, isOn, &EditDetectorViewModel::scanLEDisOnChanged);
 }
 
 double EditDetectorViewModel::progress() const
@@ -188,11 +176,7 @@ double EditDetectorViewModel::progress() const
 
 void EditDetectorViewModel::setProgress(double progress)
 {
-    if (progress == progress_) {
-        return;
-    }
-    progress_ = progress;
-    emit progressChanged(progress);
+    store(progress_, progress, &EditDetectorViewModel::progressChanged);
 }
 
 bool EditDetectorViewModel::isKeyframesTrusted() const
@@ -202,11 +186,7 @@ bool EditDetectorViewModel::isKeyframesTrusted() const
 
 void EditDetectorViewModel::setIsKeyframesTrusted(bool isTrusted)
 {
-    if (isTrusted == isKeyframesTrusted_) {
-        return;
-    }
-    isKeyframesTrusted_ = isTrusted;
-    emit isKeyframesTrustedChanged(isTrusted);
+    store(isKeyframesTrusted_, isTrusted, &EditDetectorViewModel::isKeyframesTrustedChanged);
 }
 
 const std::optional<std::string>& EditDetectorViewModel::errorMessage() const
@@ -221,20 +201,12 @@ const std::optional<std::string>& EditDetectorViewModel::scanWarning() const
 
 void EditDetectorViewModel::setScanWarning(const std::optional<std::string>& text)
 {
-    if (text == scanWarning_) {
-        return;
-    }
-    scanWarning_ = text;
-    emit scanWarningChanged(scanWarning_);
+    store(scanWarning_, text, &EditDetectorViewModel::scanWarningChanged);
 }
 
 void EditDetectorViewModel::setErrorMessage(const std::optional<std::string>& message)
 {
-    if (message == errorMessage_) {
-        return;
-    }
-    errorMessage_ = message;
-    emit errorMessageChanged(errorMessage_);
+    store(errorMessage_, message, &EditDetectorViewModel::errorMessageChanged);
 }
 
 const std::string& EditDetectorViewModel::sessionStartDigits() const
@@ -244,12 +216,9 @@ const std::string& EditDetectorViewModel::sessionStartDigits() const
 
 void EditDetectorViewModel::setSessionStartDigits(const std::string& digits)
 {
-    if (digits == sessionStartDigits_) {
-        return;
+    if (store(sessionStartDigits_, digits, &EditDetectorViewModel::sessionStartDigitsChanged)) {
+        sessionValidation_->digitsChanged(digits);
     }
-    sessionStartDigits_ = digits;
-    emit sessionStartDigitsChanged(sessionStartDigits_);
-    sessionValidation_->digitsChanged(digits);
 }
 
 const std::string& EditDetectorViewModel::videoStartDigits() const
@@ -259,12 +228,9 @@ const std::string& EditDetectorViewModel::videoStartDigits() const
 
 void EditDetectorViewModel::setVideoStartDigits(const std::string& digits)
 {
-    if (digits == videoStartDigits_) {
-        return;
+    if (store(videoStartDigits_, digits, &EditDetectorViewModel::videoStartDigitsChanged)) {
+        videoValidation_->digitsChanged(digits);
     }
-    videoStartDigits_ = digits;
-    emit videoStartDigitsChanged(videoStartDigits_);
-    videoValidation_->digitsChanged(digits);
 }
 
 const std::string& EditDetectorViewModel::markerName() const
@@ -274,11 +240,7 @@ const std::string& EditDetectorViewModel::markerName() const
 
 void EditDetectorViewModel::setMarkerName(const std::string& pattern)
 {
-    if (pattern == markerName_) {
-        return;
-    }
-    markerName_ = pattern;
-    emit markerNameChanged(markerName_);
+    store(markerName_, pattern, &EditDetectorViewModel::markerNameChanged);
 }
 
 bool EditDetectorViewModel::isSessionTCValid() const

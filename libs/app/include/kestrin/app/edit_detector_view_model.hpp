@@ -243,6 +243,11 @@ private:
         std::jthread thread;
     };
 
+    // Stores `value` in `field` and announces it by the signal `changed`; false, announcing
+    // nothing, when `field` already holds it.
+    template <typename T, typename Signal>
+    bool store(T& field, T value, Signal changed);
+
     [[nodiscard]] DropFrameSources dropFrameSources() const;
     void runScanBody(std::uint64_t generation, const std::filesystem::path& path);
     void startEventConsumer(std::uint64_t generation,
