@@ -8,21 +8,12 @@
 
 namespace kestrin::core {
 
-bool operator==(const EditMarker& a, const EditMarker& b)
+std::weak_ordering operator<=>(const EditMarker& a, const EditMarker& b)
 {
-    if (a.frameIndex != b.frameIndex || a.time != b.time) {
-        return false;
+    if (const std::weak_ordering order = a.time <=> b.time; order != 0) {
+        return order;
     }
-    if (a.confidence.has_value() != b.confidence.has_value()) {
-        return false;
-    }
-    return !a.confidence.has_value() || *a.confidence == *b.confidence;
-}
-
-bool operator<(const EditMarker& a, const EditMarker& b)
-{
-    const int order = compare(a.time, b.time);
-    return order < 0 || (order == 0 && a.frameIndex < b.frameIndex);
+    return a.frameIndex <=> b.frameIndex;
 }
 
 std::size_t EditMarker::hashValue() const
@@ -39,25 +30,14 @@ std::size_t EditMarker::hashValue() const
     return hash.result();
 }
 
-bool operator==(const SyncSample& a, const SyncSample& b)
-{
-    if (a.index != b.index || a.time != b.time) {
-        return false;
-    }
-    if (a.duration.has_value() != b.duration.has_value()) {
-        return false;
-    }
-    return !a.duration.has_value() || *a.duration == *b.duration;
-}
-
-bool operator<(const SyncSample& a, const SyncSample& b)
+std::weak_ordering operator<=>(const SyncSample& a, const SyncSample& b)
 {
     const double secondsA = a.time.seconds();
     const double secondsB = b.time.seconds();
     if (std::isfinite(secondsA) && std::isfinite(secondsB) && secondsA != secondsB) {
-        return secondsA < secondsB;
+        return secondsA < secondsB ? std::weak_ordering::less : std::weak_ordering::greater;
     }
-    return a.index < b.index;
+    return a.index <=> b.index;
 }
 
 std::size_t SyncSample::hashValue() const

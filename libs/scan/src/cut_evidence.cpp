@@ -1,3 +1,5 @@
+#include "robust_statistics.hpp"
+
 #include <kestrin/scan/cut_evidence.hpp>
 
 #include <algorithm>
@@ -14,16 +16,6 @@ constexpr float kLookFloor = 1.0F;
 // A change is looked at when it reaches this multiple of the median of the changes before it.
 constexpr float kLookRise = 1.5F;
 constexpr float kNormalConsistency = 1.4826F;
-
-float medianOf(std::vector<float> values)
-{
-    if (values.empty()) {
-        return 0.0F;
-    }
-    std::sort(values.begin(), values.end());
-    const std::size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2.0F;
-}
 
 }  // namespace
 
@@ -85,7 +77,8 @@ void BoundaryAnalyzer::examine(std::int64_t position, std::int64_t lastPosition)
     for (std::int64_t p = std::max<std::int64_t>(1, position - kEvidenceReach); p < position; ++p) {
         prior.push_back(at(p));
     }
-    if (residual < kLookFloor || (!prior.empty() && residual < kLookRise * medianOf(prior))) {
+    if (residual < kLookFloor
+        || (!prior.empty() && residual < kLookRise * detail::medianOf(std::span(prior)))) {
         return;
     }
 
@@ -139,13 +132,8 @@ CutVerdict judgeCut(const CutEvidence& evidence)
     const float residual = evidence.residual;
     std::vector<float> around = evidence.before;
     around.insert(around.end(), evidence.after.begin(), evidence.after.end());
-    const float centre = medianOf(around);
-    std::vector<float> deviations;
-    deviations.reserve(around.size());
-    for (const float value : around) {
-        deviations.push_back(std::abs(value - centre));
-    }
-    const float spread = kNormalConsistency * medianOf(deviations);
+    const float centre = detail::medianOf(std::span(around));
+    const float spread = kNormalConsistency * detail::medianAbsoluteDeviation(around, centre);
     const float excess = residual - centre;
     const float contrast = std::sqrt((evidence.contrastBefore * evidence.contrastBefore
                                       + evidence.contrastAfter * evidence.contrastAfter)

@@ -1,3 +1,5 @@
+#include "robust_statistics.hpp"
+
 #include <kestrin/scan/edit_confirmation.hpp>
 #include <kestrin/scan/scan_error.hpp>
 
@@ -20,21 +22,6 @@ constexpr double kLeastSpread = 0.000001;
 constexpr double kUnknownRateFramesPerSecond = 30.0;
 constexpr std::int32_t kFrameDurationTimescale = 600;
 
-// Mean of |a[p] - b[p]| over the bytes both thumbnails have. Integer sums are exact here, as a
-// 64-bit float's would be.
-double meanAbsoluteDifference(std::span<const std::uint8_t> a, std::span<const std::uint8_t> b)
-{
-    const std::size_t length = std::min(a.size(), b.size());
-    if (length == 0) {
-        return 0.0;
-    }
-    std::uint64_t sum = 0;
-    for (std::size_t p = 0; p < length; ++p) {
-        sum += static_cast<std::uint64_t>(a[p] > b[p] ? a[p] - b[p] : b[p] - a[p]);
-    }
-    return static_cast<double>(sum) / static_cast<double>(length);
-}
-
 double meanLuma(std::span<const std::uint8_t> bytes)
 {
     if (bytes.empty()) {
@@ -45,14 +32,6 @@ double meanLuma(std::span<const std::uint8_t> bytes)
         sum += value;
     }
     return static_cast<double>(sum) / static_cast<double>(bytes.size());
-}
-
-// Median of a non-empty list; reorders it.
-double medianOf(std::vector<double>& values)
-{
-    std::sort(values.begin(), values.end());
-    const std::size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2.0;
 }
 
 // A one-frame flash: the thumbnail after the change differs in brightness from the ones either
@@ -101,7 +80,8 @@ std::optional<ScoredCandidate> scoreWindow(const core::SyncSample& sync,
     std::vector<double> others;
     others.reserve(thumbnails.size() - 1);
     for (std::size_t j = 0; j + 1 < thumbnails.size(); ++j) {
-        others.push_back(meanAbsoluteDifference(thumbnails[j].bytes(), thumbnails[j + 1].bytes()));
+        others.push_back(detail::meanAbsoluteDifference<double>(thumbnails[j].bytes(),
+                                                                thumbnails[j + 1].bytes()));
     }
     const auto largest = std::max_element(others.begin(), others.end());
     const auto m = static_cast<std::size_t>(largest - others.begin());
@@ -115,11 +95,8 @@ std::optional<ScoredCandidate> scoreWindow(const core::SyncSample& sync,
     } else {
         const double secondMax = *std::max_element(others.begin(), others.end());
         isWeakPeak = secondMax > 0.0 && candidate.absAtBoundary < parameters.peakRatio * secondMax;
-        const double median = medianOf(others);
-        for (double& value : others) {
-            value = std::abs(value - median);
-        }
-        const double mad = medianOf(others);
+        const double median = detail::medianOf(std::span(others));
+        const double mad = detail::medianAbsoluteDeviation(others, median);
         candidate.rZ =
             (candidate.absAtBoundary - median) / std::max(mad * kMadToSigma, kLeastSpread);
         passes = candidate.absAtBoundary >= parameters.absThreshold

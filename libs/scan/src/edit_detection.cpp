@@ -1,10 +1,11 @@
+#include "robust_statistics.hpp"
+
 #include <kestrin/scan/edit_detection.hpp>
 #include <kestrin/scan/scan_error.hpp>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <iterator>
 #include <set>
 #include <thread>
 #include <utility>
@@ -85,27 +86,13 @@ int sampleStrideForRate(float framesPerSecond)
 
 float median(std::span<const float> values)
 {
-    if (values.empty()) {
-        return 0.0F;
-    }
-    std::vector<float> sorted(values.begin(), values.end());
-    std::sort(sorted.begin(), sorted.end());
-    const std::size_t middle = sorted.size() / 2;
-    if (sorted.size() % 2 == 1) {
-        return sorted[middle];
-    }
-    return (sorted[middle - 1] + sorted[middle]) / 2.0F;
+    std::vector<float> copy(values.begin(), values.end());
+    return detail::medianOf(std::span(copy));
 }
 
 float robustSigma(std::span<const float> values, float centre)
 {
-    std::vector<float> deviations;
-    deviations.reserve(values.size());
-    std::transform(
-        values.begin(), values.end(), std::back_inserter(deviations), [centre](float value) {
-            return std::abs(value - centre);
-        });
-    return median(deviations) * kNormalConsistency;
+    return detail::medianAbsoluteDeviation(values, centre) * kNormalConsistency;
 }
 
 std::vector<Candidate> suppressNearbyCandidates(std::vector<Candidate> candidates,

@@ -2,14 +2,14 @@
 #include <kestrin/scan/scan_error.hpp>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstddef>
-#include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include <fmt/format.h>
 
 namespace kestrin::scan {
 
@@ -23,42 +23,21 @@ constexpr double kMostlyOneShare = 0.6;
 constexpr std::size_t kLoggedGapLimit = 50;
 constexpr std::size_t kReservedGaps = 2048;
 
-std::string twoDecimals(double value)
-{
-    std::array<char, 64> text{};
-    const int length = std::snprintf(text.data(), text.size(), "%.2f", value);
-    return {text.data(), static_cast<std::size_t>(std::max(length, 0))};
-}
-
 // share x 100 truncated toward zero (0.857 -> 85).
-std::string percent(double share)
+std::int64_t percent(double share)
 {
-    return std::to_string(static_cast<std::int64_t>(std::trunc(share * 100.0)));
+    return static_cast<std::int64_t>(std::trunc(share * 100.0));
 }
 
 // "[12, 12, 7]": the first 50 gaps at most.
 std::string gapSample(std::span<const std::int64_t> gaps)
 {
-    std::string text = "[";
-    const std::size_t shown = std::min(gaps.size(), kLoggedGapLimit);
-    for (std::size_t i = 0; i < shown; ++i) {
-        if (i > 0) {
-            text += ", ";
-        }
-        text += std::to_string(gaps[i]);
-    }
-    text += ']';
-    return text;
+    return fmt::format("[{}]", fmt::join(gaps.first(std::min(gaps.size(), kLoggedGapLimit)), ", "));
 }
 
 std::string refusal(std::string_view reason)
 {
-    std::string line(kTrustPrefix);
-    line += "false ";
-    line += kDash;
-    line += ' ';
-    line += reason;
-    return line;
+    return fmt::format("{}false {} {}", kTrustPrefix, kDash, reason);
 }
 
 // The first description's codec as four characters; "????" when the track has none, its
@@ -252,7 +231,7 @@ core::Expected<bool> keyframesTrustable(const media::Asset& asset,
     const std::span<const std::int64_t> gaps(walk.gaps);
 
     if (static_cast<std::int64_t>(gaps.size()) < parameters.minIntervals) {
-        log.line(refusal("insufficient intervals (gaps=" + std::to_string(gaps.size()) + ")"));
+        log.line(refusal(fmt::format("insufficient intervals (gaps={})", gaps.size())));
         return false;
     }
 
@@ -271,23 +250,27 @@ core::Expected<bool> keyframesTrustable(const media::Asset& asset,
     }
     const std::int64_t maxCadence = maxCadenceForFrameRate(fps);
     if (statistics.mode == 1 && statistics.share >= kMostlyOneShare) {
-        log.line(refusal("gaps mostly 1. " + rateAndCodec + ", mode=1, share="
-                         + percent(statistics.share) + "%, gaps sample=" + gapSample(gaps)));
+        log.line(refusal(fmt::format("gaps mostly 1. {}, mode=1, share={}%, gaps sample={}",
+                                     rateAndCodec,
+                                     percent(statistics.share),
+                                     gapSample(gaps))));
         return false;
     }
 
     const bool verdict = irregularKeyframes(statistics, maxCadence, parameters);
-    std::string line(kTrustPrefix);
-    line += verdict ? "true " : "false ";
-    line += kDash;
-    line += ' ' + rateAndCodec;
-    line += ", mode=" + std::to_string(statistics.mode);
-    line += ", share=" + percent(statistics.share);
-    line += "%, uniqueRatio=" + twoDecimals(statistics.uniqueRatio);
-    line += ", H=" + twoDecimals(statistics.entropy);
-    line += ", suppress=" + std::to_string(walk.maxGap);
-    line += ", gaps sample=" + gapSample(gaps);
-    log.line(line);
+    log.line(
+        fmt::format("{}{} {} {}, mode={}, share={}%, uniqueRatio={:.2f}, H={:.2f}, "
+                    "suppress={}, gaps sample={}",
+                    kTrustPrefix,
+                    verdict ? "true" : "false",
+                    kDash,
+                    rateAndCodec,
+                    statistics.mode,
+                    percent(statistics.share),
+                    statistics.uniqueRatio,
+                    statistics.entropy,
+                    walk.maxGap,
+                    gapSample(gaps)));
     return verdict;
 }
 
@@ -325,13 +308,13 @@ core::Expected<std::vector<core::SyncSample>> collectSyncSamplesFast(
         ++index;
     }
 
-    std::string line = "collectSyncSamplesFast: found " + std::to_string(syncs.size()) + " syncs.";
+    std::string line = fmt::format("collectSyncSamplesFast: found {} syncs.", syncs.size());
     if (!syncs.empty()) {
         const auto describe = [](const core::SyncSample& sync) {
-            return "(idx:" + std::to_string(sync.index)
-                   + " t:" + core::shortestDecimal(sync.time.seconds()) + ")";
+            return fmt::format(
+                "(idx:{} t:{})", sync.index, core::shortestDecimal(sync.time.seconds()));
         };
-        line += " first=" + describe(syncs.front()) + " last=" + describe(syncs.back());
+        line += fmt::format(" first={} last={}", describe(syncs.front()), describe(syncs.back()));
     }
     log.line(line);
     return syncs;

@@ -1,3 +1,5 @@
+#include "robust_statistics.hpp"
+
 #include <kestrin/scan/luma_signature.hpp>
 
 #include <algorithm>
@@ -107,16 +109,10 @@ float blockDifferenceScore(const LumaPlane& current, const LumaPlane& previous)
 
 float meanAbsoluteDifference(const LumaPlane& a, const LumaPlane& b)
 {
-    if (a.width() != b.width() || a.height() != b.height() || a.size() == 0) {
+    if (a.width() != b.width() || a.height() != b.height()) {
         return 0.0F;
     }
-    const std::uint8_t* left = a.bytes().data();
-    const std::uint8_t* right = b.bytes().data();
-    std::int64_t sum = 0;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        sum += std::abs(static_cast<int>(left[i]) - static_cast<int>(right[i]));
-    }
-    return static_cast<float>(sum) / static_cast<float>(a.size());
+    return detail::meanAbsoluteDifference<float>(a.bytes(), b.bytes());
 }
 
 }  // namespace kestrin::scan

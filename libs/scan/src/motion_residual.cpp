@@ -1,3 +1,5 @@
+#include "robust_statistics.hpp"
+
 #include <kestrin/scan/motion_residual.hpp>
 
 #include <algorithm>
@@ -44,23 +46,6 @@ unsigned blockDifference(const std::uint8_t* earlier,
         sum += rowDifference(earlier + offset + row * stride, later + row * stride);
     }
     return sum;
-}
-
-float medianOf(std::span<float> values)
-{
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    if (values.size() % 2 == 1) {
-        return *middle;
-    }
-    return (*middle + *std::max_element(values.begin(), middle)) / 2.0F;
-}
-
-int medianOf(std::span<int> values)
-{
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
 }
 
 // The displacement of the whole picture, searched on planes halved in both directions up to
@@ -207,9 +192,9 @@ MotionResidual motionResidual(const LumaPlane& earlier, const LumaPlane& later, 
         sum += residuals[i];
     }
     result.mean = sum / static_cast<float>(count);
-    result.median = medianOf(std::span(residuals.data(), count));
-    result.motion = {medianOf(std::span(shiftsX.data(), count)),
-                     medianOf(std::span(shiftsY.data(), count))};
+    result.median = detail::medianOf(std::span(residuals.data(), count));
+    result.motion = {detail::upperMedianOf(std::span(shiftsX.data(), count)),
+                     detail::upperMedianOf(std::span(shiftsY.data(), count))};
     return result;
 }
 

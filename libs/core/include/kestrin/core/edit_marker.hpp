@@ -25,26 +25,11 @@ struct EditMarker
     std::optional<float> confidence;
 
     [[nodiscard]] std::size_t hashValue() const;
+
+    friend bool operator==(const EditMarker&, const EditMarker&) = default;
 };
 
-bool operator==(const EditMarker& a, const EditMarker& b);
-inline bool operator!=(const EditMarker& a, const EditMarker& b)
-{
-    return !(a == b);
-}
-bool operator<(const EditMarker& a, const EditMarker& b);
-inline bool operator<=(const EditMarker& a, const EditMarker& b)
-{
-    return !(b < a);
-}
-inline bool operator>(const EditMarker& a, const EditMarker& b)
-{
-    return b < a;
-}
-inline bool operator>=(const EditMarker& a, const EditMarker& b)
-{
-    return !(a < b);
-}
+std::weak_ordering operator<=>(const EditMarker& a, const EditMarker& b);
 
 }  // namespace kestrin::core
 

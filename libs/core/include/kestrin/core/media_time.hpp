@@ -11,6 +11,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+// For the orderings of <compare>, which <utility> includes: named directly, <compare> stops Qt's
+// moc, which reads this header through the view model's.
+#include <utility>
 
 namespace kestrin::core {
 
@@ -87,25 +90,10 @@ inline bool operator==(const MediaTime& a, const MediaTime& b)
 {
     return compare(a, b) == 0;
 }
-inline bool operator!=(const MediaTime& a, const MediaTime& b)
+/// Weak: equivalent times may differ in timescale (1/2 and 300/600), or be two invalid times.
+inline std::weak_ordering operator<=>(const MediaTime& a, const MediaTime& b)
 {
-    return compare(a, b) != 0;
-}
-inline bool operator<(const MediaTime& a, const MediaTime& b)
-{
-    return compare(a, b) < 0;
-}
-inline bool operator<=(const MediaTime& a, const MediaTime& b)
-{
-    return compare(a, b) <= 0;
-}
-inline bool operator>(const MediaTime& a, const MediaTime& b)
-{
-    return compare(a, b) > 0;
-}
-inline bool operator>=(const MediaTime& a, const MediaTime& b)
-{
-    return compare(a, b) >= 0;
+    return compare(a, b) <=> 0;
 }
 
 /// Exact sum and difference. Operands of different timescales meet at their least common
@@ -129,10 +117,7 @@ struct MediaTimeRange
     }
     [[nodiscard]] MediaTime end() const { return start + duration; }
 
-    friend bool operator==(const MediaTimeRange& a, const MediaTimeRange& b)
-    {
-        return a.start == b.start && a.duration == b.duration;
-    }
+    friend bool operator==(const MediaTimeRange&, const MediaTimeRange&) = default;
 };
 
 }  // namespace kestrin::core

@@ -25,26 +25,11 @@ struct SyncSample
     std::optional<MediaTime> duration;
 
     [[nodiscard]] std::size_t hashValue() const;
+
+    friend bool operator==(const SyncSample&, const SyncSample&) = default;
 };
 
-bool operator==(const SyncSample& a, const SyncSample& b);
-inline bool operator!=(const SyncSample& a, const SyncSample& b)
-{
-    return !(a == b);
-}
-bool operator<(const SyncSample& a, const SyncSample& b);
-inline bool operator<=(const SyncSample& a, const SyncSample& b)
-{
-    return !(b < a);
-}
-inline bool operator>(const SyncSample& a, const SyncSample& b)
-{
-    return b < a;
-}
-inline bool operator>=(const SyncSample& a, const SyncSample& b)
-{
-    return !(a < b);
-}
+std::weak_ordering operator<=>(const SyncSample& a, const SyncSample& b);
 
 }  // namespace kestrin::core
 

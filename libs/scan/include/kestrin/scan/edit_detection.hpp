@@ -47,11 +47,12 @@ struct Candidate
 [[nodiscard]] int sampleStrideForRate(float framesPerSecond);
 
 /// The median in 32-bit floats: the middle value, or the mean of the two middle values for an even
-/// count; 0 for no values. Cost: one sorted copy.
+/// count; 0 for no values. Cost: one copy and one selection.
 [[nodiscard]] float median(std::span<const float> values);
 
 /// A robust standard deviation: the median of |v - centre| over `values`, times 1.4826 (which
-/// makes it the standard deviation for normally distributed values). Cost: one copy and a sort.
+/// makes it the standard deviation for normally distributed values). Cost: one copy and one
+/// selection.
 [[nodiscard]] float robustSigma(std::span<const float> values, float centre);
 
 /// Thins out candidates that lie close together: taken by score, highest first (at equal scores in
