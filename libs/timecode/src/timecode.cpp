@@ -277,8 +277,10 @@ bool isValidTimecodeDigits(std::string_view digits, FrameCounting counting, core
     if (c.hours > 23 || c.minutes > 59 || c.seconds > 59) {
         return false;
     }
+    // A rate not above 0 has no frames, so no timecode exists there (and a frames group such as
+    // "-1" would otherwise pass).
     const int frameBase = rate.timecodeBase();
-    if (c.frames >= frameBase) {
+    if (frameBase < 1 || c.frames >= frameBase) {
         return false;
     }
     if (counting == FrameCounting::NonDrop) {

@@ -83,6 +83,9 @@ TEST(TimecodeDigits, ValidityAndFrameCountAtTheRate)
         {"1", kNonDrop, core::kFps25, true, 1},
         {"00000025", kNonDrop, core::kFps25, false, kNone},
         {"24", kNonDrop, core::kFps23976, false, kNone},
+        // No timecode exists at a rate without frames, not even with a frames group of "-1".
+        {"1", kNonDrop, core::FrameRate{0, 1}, false, kNone},
+        {"-1", kNonDrop, core::FrameRate{-25, 1}, false, kNone},
         {"00010000", kNonDrop, core::kFps2997, true, 1800},
         {"24000000", kNonDrop, core::kFps30, false, 2592000},
         {"99595929", kNonDrop, core::kFps30, false, 10799999},

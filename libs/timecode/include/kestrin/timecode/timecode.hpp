@@ -68,12 +68,13 @@ struct TimecodeComponents
 /// taken as it is: the caller has already removed what is not numeric (see `numericOnly`);
 /// otherwise a group such as "+5" or "-1" reads as a number like any other.
 ///
-/// False when `digits` is empty or holds more than eight characters. After padding to eight, the
-/// groups HH, MM, SS, FF are read as decimal integers; an hours group that does not read as one
-/// (a non-ASCII numeral, say) counts as 0, any other such group as 99. False when hours exceed 23,
-/// minutes or seconds exceed 59, or frames are not below `rate.timecodeBase()`. Under
-/// drop-frame also false when the label is one that drop-frame numbering skips (base 60 counts
-/// as `DropFrameBase::Sixty`, any other as `DropFrameBase::Thirty`). True otherwise.
+/// False when `digits` is empty or holds more than eight characters, and at a rate not above 0.
+/// After padding to eight, the groups HH, MM, SS, FF are read as decimal integers; an hours group
+/// that does not read as one (a non-ASCII numeral, say) counts as 0, any other such group as 99.
+/// False when hours exceed 23, minutes or seconds exceed 59, or frames are not below
+/// `rate.timecodeBase()`. Under drop-frame also false when the label is one that drop-frame
+/// numbering skips (base 60 counts as `DropFrameBase::Sixty`, any other as
+/// `DropFrameBase::Thirty`). True otherwise.
 [[nodiscard]] bool isValidTimecodeDigits(std::string_view digits,
                                          FrameCounting counting,
                                          core::FrameRate rate);
