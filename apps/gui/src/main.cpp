@@ -8,11 +8,12 @@
 #include <kestrin/ui/art.hpp>
 
 #include <QApplication>
+#include <QCommandLineParser>
 #include <QFile>
 #include <QFileInfo>
 
 #include <cstdio>
-#include <string_view>
+#include <optional>
 
 #ifndef KESTRIN_VERSION
 #error "KESTRIN_VERSION must be defined by the build"
@@ -40,6 +41,26 @@ For the documentation's pictures:
 Qt's own options (-platform, -style, ...) are accepted too.
 )";
 
+// The command line, read twice with the same options: once before Qt starts, only for --help and
+// --version, which must work without a display; then on what QApplication left of it (Qt takes its
+// own options, such as -platform, out first).
+struct CommandLine
+{
+    CommandLine()
+    {
+        // "-platform" is one word, not the letters of eight short options.
+        parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+        parser.addOptions({help, version, screenshot, scanningScreenshot});
+    }
+
+    QCommandLineParser parser;
+    QCommandLineOption help{{QStringLiteral("h"), QStringLiteral("help")}};
+    QCommandLineOption version{QStringLiteral("version")};
+    QCommandLineOption screenshot{QStringLiteral("screenshot"), {}, QStringLiteral("PATH")};
+    QCommandLineOption scanningScreenshot{
+        QStringLiteral("screenshot-scanning"), {}, QStringLiteral("PATH")};
+};
+
 struct Options
 {
     std::optional<QString> video;
@@ -47,32 +68,30 @@ struct Options
     std::optional<QString> scanningScreenshot;
 };
 
-// Parses what QApplication left of the command line; prints the complaint and returns absent for
-// a command line it cannot use.
+std::optional<QString> valueOf(const QCommandLineParser& parser, const QCommandLineOption& option)
+{
+    return parser.isSet(option) ? std::optional(parser.value(option)) : std::nullopt;
+}
+
+// Parses what QApplication left of the command line (program name first); prints the complaint and
+// returns absent for a command line it cannot use.
 std::optional<Options> parseOptions(const QStringList& args)
 {
-    Options options;
-    bool isAfterDashes = false;
-    for (qsizetype i = 0; i < args.size(); ++i) {
-        const QString& arg = args[i];
-        if (!isAfterDashes && (arg == u"--screenshot" || arg == u"--screenshot-scanning")) {
-            if (i + 1 == args.size()) {
-                std::fprintf(stderr, "kestrin: %s needs a file name\n", qPrintable(arg));
-                return std::nullopt;
-            }
-            (arg == u"--screenshot" ? options.screenshot : options.scanningScreenshot) = args[++i];
-        } else if (!isAfterDashes && arg == u"--") {
-            isAfterDashes = true;
-        } else if (!isAfterDashes && arg.startsWith(u'-') && arg != u"-") {
-            std::fprintf(stderr, "kestrin: unknown option %s\n", qPrintable(arg));
-            return std::nullopt;
-        } else if (!options.video) {
-            options.video = arg;
-        } else {
-            std::fputs("kestrin: only one video at a time\n", stderr);
-            return std::nullopt;
-        }
+    CommandLine line;
+    if (!line.parser.parse(args)) {
+        std::fprintf(stderr, "kestrin: %s\n", qPrintable(line.parser.errorText()));
+        return std::nullopt;
     }
+    const QStringList videos = line.parser.positionalArguments();
+    if (videos.size() > 1) {
+        std::fputs("kestrin: only one video at a time\n", stderr);
+        return std::nullopt;
+    }
+    Options options{
+        .video = videos.isEmpty() ? std::nullopt : std::optional(videos.front()),
+        .screenshot = valueOf(line.parser, line.screenshot),
+        .scanningScreenshot = valueOf(line.parser, line.scanningScreenshot),
+    };
     if ((options.screenshot || options.scanningScreenshot) && !options.video) {
         std::fputs("kestrin: the screenshots need a video\n", stderr);
         return std::nullopt;
@@ -84,20 +103,21 @@ std::optional<Options> parseOptions(const QStringList& args)
 
 int main(int argc, char** argv)
 {
-    // Answered before Qt starts, so that they work without a display.
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view arg = argv[i];
-        if (arg == "--") {
-            break;
-        }
-        if (arg == "-h" || arg == "--help") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        if (arg == "--version") {
-            std::puts("kestrin " KESTRIN_VERSION);
-            return 0;
-        }
+    // Answered before Qt starts, so that they work without a display. Anything else wrong with the
+    // command line is reported once Qt has taken its own options out.
+    QStringList rawArgs;
+    for (int i = 0; i < argc; ++i) {
+        rawArgs.append(QString::fromLocal8Bit(argv[i]));
+    }
+    CommandLine early;
+    early.parser.parse(rawArgs);
+    if (early.parser.isSet(early.help)) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
+    if (early.parser.isSet(early.version)) {
+        std::puts("kestrin " KESTRIN_VERSION);
+        return 0;
     }
 
     const QApplication application(argc, argv);
@@ -106,7 +126,7 @@ int main(int argc, char** argv)
     QApplication::setDesktopFileName(QStringLiteral("kestrin"));
     QApplication::setWindowIcon(ui::applicationIcon());
 
-    const std::optional<Options> options = parseOptions(QApplication::arguments().mid(1));
+    const std::optional<Options> options = parseOptions(QApplication::arguments());
     if (!options) {
         std::fputs("Try 'kestrin --help'.\n", stderr);
         return 2;
