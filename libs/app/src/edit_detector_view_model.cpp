@@ -62,16 +62,12 @@ EditDetectorViewModel::~EditDetectorViewModel()
     for (ScanJob& job : retiredScans_) {
         job.handle.requestStop();
     }
-    if (eventsTask_) {
-        eventsTask_->thread.request_stop();
-    }
     for (auto& [id, loader] : videoInfoLoaders_) {
         loader.request_stop();
     }
     scanTask_.reset();
     retiredScans_.clear();
-    eventsTask_.reset();
-    retiredConsumers_.clear();
+    dropEvents();
     videoInfoLoaders_.clear();
 }
 
@@ -360,7 +356,7 @@ void EditDetectorViewModel::videoInfoLoaded(std::uint64_t loaderId,
 void EditDetectorViewModel::cancelScan()
 {
     ++generation_;
-    stopEventConsumer();
+    dropEvents();
     if (scanTask_) {
         // Not joined here: the worker may be in the middle of a decoded frame. It is joined when
         // its completion arrives.
@@ -420,66 +416,43 @@ void EditDetectorViewModel::runScanBody(std::uint64_t generation, const std::fil
         return;
     }
     scanTask_.emplace(ScanJob{generation, std::move(started->handle)});
-    startEventConsumer(generation, std::move(started->events));
+    // Each event the scan's threads put in the stream brings a queued call that takes, on this
+    // thread, whatever the stream then holds. The scan's threads are joined before this object
+    // goes (see the destructor), so none can call the wake later.
+    events_.emplace(ScanEvents{generation, std::move(started->events)});
+    events_->stream->setWake([this, generation] {
+        QMetaObject::invokeMethod(
+            this, [this, generation] { drainEvents(generation); }, Qt::QueuedConnection);
+    });
 }
 
-void EditDetectorViewModel::startEventConsumer(std::uint64_t generation,
-                                               std::shared_ptr<scan::ScanEventStream> events)
+void EditDetectorViewModel::drainEvents(std::uint64_t generation)
 {
-    stopEventConsumer();
-    // Blocks on the stream off the interface thread and posts each event; ends when the stream
-    // ends or when asked to stop, and says so as its last post.
-    eventsTask_.emplace(EventConsumer{
-        generation,
-        std::jthread([this, generation, events = std::move(events)](
-                         const std::stop_token& stopToken) {
-            while (const std::optional<core::ProgressEvent> event = events->next(stopToken)) {
-                QMetaObject::invokeMethod(
-                    this,
-                    [this, generation, event = *event] { applyEvent(generation, event); },
-                    Qt::QueuedConnection);
-            }
-            QMetaObject::invokeMethod(
-                this, [this, generation] { eventConsumerEnded(generation); }, Qt::QueuedConnection);
-        })});
-}
-
-void EditDetectorViewModel::stopEventConsumer()
-{
-    if (eventsTask_) {
-        eventsTask_->thread.request_stop();
-        retiredConsumers_.push_back(std::move(*eventsTask_));
-        eventsTask_.reset();
-    }
-}
-
-void EditDetectorViewModel::applyEvent(std::uint64_t generation, const core::ProgressEvent& event)
-{
-    // Events still queued when their consumer was stopped are dropped too: after a successful
-    // scan has set progress 1, a late progress event must not move it back.
-    if (generation != generation_ || !eventsTask_ || eventsTask_->generation != generation) {
+    // Calls for events of a scan that has since been cancelled, replaced or has finished are
+    // dropped: after a successful scan has set progress 1, a late progress event must not move
+    // it back.
+    if (generation != generation_ || !events_ || events_->generation != generation) {
         return;
     }
-    if (event.kind() == core::ProgressEvent::Kind::progress) {
-        setProgress(event.fraction());
-    } else {
-        setIsKeyframesTrusted(event.scanMode() == core::ScanMode::trustedKeyframes);
+    while (const std::optional<core::ProgressEvent> event = events_->stream->tryNext()) {
+        if (event->kind() == core::ProgressEvent::Kind::progress) {
+            setProgress(event->fraction());
+        } else {
+            setIsKeyframesTrusted(event->scanMode() == core::ScanMode::trustedKeyframes);
+        }
     }
-}
-
-void EditDetectorViewModel::eventConsumerEnded(std::uint64_t generation)
-{
-    if (generation == generation_) {
+    if (events_->stream->hasEnded()) {
+        dropEvents();
         setIsKeyframesTrusted(false);
     }
-    // The thread posted this as its last act, so the join returns at once.
-    if (eventsTask_ && eventsTask_->generation == generation) {
-        eventsTask_.reset();
-        return;
+}
+
+void EditDetectorViewModel::dropEvents()
+{
+    if (events_) {
+        events_->stream->setWake({});
+        events_.reset();
     }
-    std::erase_if(retiredConsumers_, [generation](const EventConsumer& consumer) {
-        return consumer.generation == generation;
-    });
 }
 
 void EditDetectorViewModel::scanFinished(std::uint64_t generation)
@@ -516,7 +489,8 @@ void EditDetectorViewModel::scanFinished(std::uint64_t generation)
             setErrorMessage(outcome.error().description);
         }
         setIsProcessing(false);
-        stopEventConsumer();
+        dropEvents();
+        setIsKeyframesTrusted(false);
     }
     logScanEnd();
 }

@@ -451,7 +451,7 @@ TEST_F(ViewModelScan, DestructionStopsTheScanAndTheLoader)
     script_.push(0.2);
     model_->loadVideoInfo("/clips/ndf.mov");
     model_->startScan();  // a second body, queued
-    model_.reset();       // joins the scan, its event consumer and the loader
+    model_.reset();       // joins the scan and the loader
     turnEventLoop();      // what they posted went with the object
     EXPECT_EQ(script_.startedCount(), 1);
 }

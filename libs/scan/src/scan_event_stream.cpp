@@ -4,6 +4,7 @@
 #include <cmath>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <mutex>
 
 namespace kestrin::scan {
@@ -19,6 +20,8 @@ struct detail::EventStreamState
     bool isFinished = false;
     // Guarded by mutex.
     std::int64_t dropped = 0;
+    // Guarded by mutex; called outside it.
+    std::function<void()> wake;
 };
 
 namespace {
@@ -41,6 +44,7 @@ ScanEventStream::~ScanEventStream() = default;
 
 bool ScanEventStream::push(const core::ProgressEvent& event)
 {
+    std::function<void()> wake;
     {
         const std::scoped_lock lock(state_->mutex);
         if (state_->isFinished) {
@@ -51,8 +55,12 @@ bool ScanEventStream::push(const core::ProgressEvent& event)
             return false;
         }
         state_->held.push_back(event);
+        wake = state_->wake;
     }
     state_->changed.notify_all();
+    if (wake) {
+        wake();
+    }
     return true;
 }
 
@@ -76,11 +84,32 @@ void ScanEventStream::finishEvents(std::optional<double> finalFraction)
 
 void ScanEventStream::finish()
 {
+    std::function<void()> wake;
     {
         const std::scoped_lock lock(state_->mutex);
+        if (state_->isFinished) {
+            return;
+        }
         state_->isFinished = true;
+        wake = state_->wake;
     }
     state_->changed.notify_all();
+    if (wake) {
+        wake();
+    }
+}
+
+void ScanEventStream::setWake(std::function<void()> wake)
+{
+    bool isDue = false;
+    {
+        const std::scoped_lock lock(state_->mutex);
+        state_->wake = wake;
+        isDue = !state_->held.empty() || state_->isFinished;
+    }
+    if (wake && isDue) {
+        wake();
+    }
 }
 
 std::optional<core::ProgressEvent> ScanEventStream::next(const std::stop_token& stopToken)

@@ -60,5 +60,32 @@ TEST(ScanEventStream, BlockedConsumerWakesForEventsTheEndAndAStop)
     EXPECT_FALSE(silent.hasEnded());
 }
 
+// A consumer that must not block learns of each event and of the end from the wake, including
+// what happened before it asked; after it lets go, nothing calls it.
+TEST(ScanEventStream, WakesADrainingConsumerForEachEventAndTheFinish)
+{
+    ScanEventStream events;
+    int wakes = 0;
+    events.setWake([&] { ++wakes; });
+    EXPECT_EQ(wakes, 0) << "nothing held yet";
+    events.reportProgress(0.1);
+    events.reportProgress(0.2);
+    EXPECT_EQ(wakes, 2);
+
+    ScanEventStream busy;
+    busy.reportProgress(0.5);
+    int busyWakes = 0;
+    busy.setWake([&] { ++busyWakes; });
+    EXPECT_EQ(busyWakes, 1) << "an event was already held";
+    busy.finish();
+    busy.finish();
+    EXPECT_EQ(busyWakes, 2) << "one wake for the finish";
+
+    events.setWake({});
+    events.reportProgress(0.3);
+    events.finish();
+    EXPECT_EQ(wakes, 2) << "called after it was removed";
+}
+
 }  // namespace
 }  // namespace kestrin::scan

@@ -236,11 +236,11 @@ private:
         std::uint64_t generation = 0;
         scan::ScanHandle handle;
     };
-    // The thread that carries a scan's events to the interface thread.
-    struct EventConsumer
+    // The current scan's events with the generation it was started with.
+    struct ScanEvents
     {
         std::uint64_t generation = 0;
-        std::jthread thread;
+        std::shared_ptr<scan::ScanEventStream> stream;
     };
 
     // Stores `value` in `field` and announces it by the signal `changed`; false, announcing
@@ -250,11 +250,8 @@ private:
 
     [[nodiscard]] DropFrameSources dropFrameSources() const;
     void runScanBody(std::uint64_t generation, const std::filesystem::path& path);
-    void startEventConsumer(std::uint64_t generation,
-                            std::shared_ptr<scan::ScanEventStream> events);
-    void stopEventConsumer();
-    void applyEvent(std::uint64_t generation, const core::ProgressEvent& event);
-    void eventConsumerEnded(std::uint64_t generation);
+    void drainEvents(std::uint64_t generation);
+    void dropEvents();
     void scanFinished(std::uint64_t generation);
     void logScanEnd() const;
     // The scanWarning text for `damage`, with the timecodes of the fields (of the video's own
@@ -300,12 +297,12 @@ private:
 
     // Identifies the current scan; wraps around.
     std::uint64_t generation_ = 0;
-    // The current scan and its event consumer, absent when none runs.
+    // The current scan and its events, absent when none runs (the events also once they have
+    // ended).
     std::optional<ScanJob> scanTask_;
-    std::optional<EventConsumer> eventsTask_;
-    // Stopped ones, each joined when it reports its end (or on destruction).
+    std::optional<ScanEvents> events_;
+    // Stopped scans, each joined when it reports its end (or on destruction).
     std::vector<ScanJob> retiredScans_;
-    std::vector<EventConsumer> retiredConsumers_;
     // loadVideoInfo threads by id; each removed (joined) when its result arrives.
     std::map<std::uint64_t, std::jthread> videoInfoLoaders_;
     std::uint64_t nextLoaderId_ = 0;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stop_token>
@@ -73,10 +74,17 @@ public:
     ///   - nothing when `stopToken` is stopped, before or during the wait; held events then stay.
     [[nodiscard]] std::optional<core::ProgressEvent> next(const std::stop_token& stopToken = {});
 
-    /// Takes the oldest held event without blocking, for a consumer that polls (an interface
-    /// thread). Returns nothing when none is held; hasEnded() then tells whether one may still
-    /// come.
+    /// Takes the oldest held event without blocking, for a consumer that must not block (an
+    /// interface thread). Returns nothing when none is held; hasEnded() then tells whether one may
+    /// still come.
     [[nodiscard]] std::optional<core::ProgressEvent> tryNext();
+
+    /// For a consumer that drains with tryNext() instead of waiting in next(): calls `wake` after
+    /// every event the stream comes to hold and after it is finished, on the thread that caused
+    /// it, and once at once when the stream already holds events or is finished. Replaces the
+    /// previous one; an empty `wake` removes it. `wake` must return promptly and must not call
+    /// this stream (it is called outside the stream's lock, but from the scan's threads).
+    void setWake(std::function<void()> wake);
 
     /// Whether the stream is finished and holds nothing: no event will ever come.
     [[nodiscard]] bool hasEnded() const;
