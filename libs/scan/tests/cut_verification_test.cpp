@@ -161,12 +161,14 @@ TEST(JudgeCut, AChangeIsACutOnlyWhenSuddenLargeAndLasting)
         {outOfBlack, ""},
         {flatToGradient, ""},
     };
-    for (const auto& [row, reason] : rows) {
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        const auto& [row, reason] = rows[i];
+        SCOPED_TRACE(testing::Message() << "row " << i << ", residual " << row.residual);
         const CutVerdict verdict = judgeCut(row);
-        EXPECT_EQ(verdict.reason, reason) << row.residual;
-        EXPECT_EQ(verdict.isCut, reason.empty()) << row.residual;
+        EXPECT_EQ(verdict.reason, reason);
+        EXPECT_EQ(verdict.isCut, reason.empty());
         EXPECT_EQ(verdict.confidence > 0.0F && verdict.confidence <= 1.0F, verdict.isCut)
-            << row.residual;
+            << "confidence " << verdict.confidence;
     }
 }
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -25,7 +26,7 @@ T at(std::int64_t frame)
     return {frame, MediaTime::make(frame, 25), std::nullopt};
 }
 
-TEST(ConfirmationWindow, ScoresSpansAndMerges)
+TEST(ConfirmationWindow, ScoresTheChangeAtTheBoundaryAgainstTheOthers)
 {
     // Thumbnails of one row of five samples each; a single value stands for five equal samples.
     // Then absAtBoundary, rZ (1.4826 x MAD, or 1e-6 when that is 0) and whether it is kept.
@@ -45,7 +46,8 @@ TEST(ConfirmationWindow, ScoresSpansAndMerges)
         {{{100}, {100}, {100}, {200}}, 100, 100 / 1e-6, true},
     };
     for (const auto& [samples, absAtBoundary, rZ, keep] : rows) {
-        SCOPED_TRACE(absAtBoundary);
+        SCOPED_TRACE(testing::Message()
+                     << "the row whose change at the boundary is " << absAtBoundary);
         std::vector<LumaPlane> planes;
         for (const Bytes& row : samples) {
             std::ranges::copy(row.size() == 1 ? Bytes(5, row[0]) : row,
@@ -57,21 +59,30 @@ TEST(ConfirmationWindow, ScoresSpansAndMerges)
         EXPECT_DOUBLE_EQ(candidate->rZ, rZ);
         EXPECT_EQ(candidate->keep, keep);
     }
-    EXPECT_FALSE(scoreWindow(at(7), std::vector<LumaPlane>(1, LumaPlane(5, 1)), {}));
+    EXPECT_FALSE(scoreWindow(at(7), std::vector<LumaPlane>(1, LumaPlane(5, 1)), {}))
+        << "one thumbnail has no change to score";
+}
 
+TEST(ConfirmationWindow, SpansAFewFramesEitherSideOfTheCandidate)
+{
     // Nominal rate, then the frame duration in 1/600 s.
     const std::pair<core::Expected<float>, std::int64_t> rates[] = {
         {25.0F, 24}, {23.976F, 25}, {29.97F, 20}, {0.0F, 20}, {core::Error{"FFmpeg", -5, ""}, 20}};
     for (const auto& [rate, duration] : rates) {
-        EXPECT_EQ(confirmationFrameDuration(rate), MediaTime::make(duration, 600));
+        EXPECT_EQ(confirmationFrameDuration(rate), MediaTime::make(duration, 600))
+            << "at " << (rate ? std::to_string(*rate) : "an unknown rate");
     }
     const MediaTime frame = MediaTime::make(24, 600);
     EXPECT_EQ(
         confirmationWindow(MediaTime::make(2, 1), frame, {}),
         core::MediaTimeRange::fromStartEnd(MediaTime::make(1104, 600), MediaTime::make(1296, 600)));
     EXPECT_EQ(confirmationWindow(MediaTime::make(2, 25), frame, {}),
-              core::MediaTimeRange::fromStartEnd(MediaTime::zero(), MediaTime::make(144, 600)));
+              core::MediaTimeRange::fromStartEnd(MediaTime::zero(), MediaTime::make(144, 600)))
+        << "a window near the start begins at zero";
+}
 
+TEST(ConfirmationWindow, MergesNearbyKeptCandidatesIntoTheirBest)
+{
     // Candidates by index and absAtBoundary, all kept but the one at 102; then the group bests.
     const auto scored = [](std::int64_t idx, double abs) {
         return ScoredCandidate{idx, MediaTime{}, abs, 0, idx != 102};
@@ -87,7 +98,9 @@ TEST(ConfirmationWindow, ScoresSpansAndMerges)
         for (const ScoredCandidate& best : mergeKeptCandidates(candidates, 2)) {
             bests.push_back(best.idx);
         }
-        EXPECT_EQ(bests, expected);
+        Ints indices;
+        std::ranges::transform(candidates, std::back_inserter(indices), &ScoredCandidate::idx);
+        EXPECT_EQ(bests, expected) << "from candidates at " << testing::PrintToString(indices);
     }
 }
 

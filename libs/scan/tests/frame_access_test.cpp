@@ -177,13 +177,14 @@ TEST(FrameAccess, ErrorsPreferTheReadersOwn)
     EXPECT_EQ(status.error(), scan_error::readerAlreadyReading());
 }
 
-TEST(FrameAccess, StopRequestsCancel)
+TEST(FrameAccess, StopDuringTheSignaturePassCancelsItAtTheNextFrame)
 {
     // The stop comes with the report at frame 32. A reader made with the token stops by itself;
     // one made without it runs on, and the pass notices at the next frame it takes.
     const SyntheticAsset asset(MediaTime::make(4, 1), {flatTrack(100)});
     const MediaTime fourSeconds = MediaTime::make(4, 1);
     for (const bool readerHasToken : {true, false}) {
+        SCOPED_TRACE(readerHasToken ? "a reader with the token" : "a reader without it");
         std::stop_source stop;
         const std::stop_token token = stop.get_token();
         SignaturePassState state(4);
@@ -206,7 +207,11 @@ TEST(FrameAccess, StopRequestsCancel)
         EXPECT_LE(asset.statistics().framesDelivered - deliveredBefore, 34);
         EXPECT_EQ(state.decodedCount, 33);
     }
+}
 
+TEST(FrameAccess, StoppedWindowDecodeCancels)
+{
+    const SyntheticAsset asset(MediaTime::make(4, 1), {flatTrack(100)});
     std::stop_source stop;
     stop.request_stop();
     const MediaTimeRange second{MediaTime::zero(), MediaTime::make(1, 1)};

@@ -59,7 +59,7 @@ TEST(SignatureToneCurve, MatchesTheWorkedRowsAndNeverFalls)
     EXPECT_EQ(plane, planeOf(3, 1, std::vector{15, 122, 255}));
 }
 
-TEST(LumaDifference, BlockScoreTrimsAndMeanAbsoluteDifferenceDoesNot)
+TEST(LumaDifference, BlockScoreAveragesBlocksAndTrimsTheExtremes)
 {
     // 96 x 54 cuts into 8 x 6 blocks of 12 x 9 pixels; block (c, r) covers x in [12c, 12c + 12)
     // and y in [9r, 9r + 9).
@@ -105,17 +105,21 @@ TEST(LumaDifference, BlockScoreTrimsAndMeanAbsoluteDifferenceDoesNot)
         EXPECT_FLOAT_EQ(blockDifferenceScore(current, LumaPlane(width, height)), score) << name;
         EXPECT_FLOAT_EQ(blockDifferenceScore(LumaPlane(width, height), current), score) << name;
     }
-    EXPECT_EQ(blockDifferenceScore(planeOf(1, 1, std::vector{9}), LumaPlane(2, 1)), 0.0F);
+    EXPECT_EQ(blockDifferenceScore(planeOf(1, 1, std::vector{9}), LumaPlane(2, 1)), 0.0F)
+        << "planes of different sizes";
+}
 
-    // The plain mean over all samples does not trim.
+TEST(LumaDifference, MeanAbsoluteDifferenceCountsEverySampleUntrimmed)
+{
     EXPECT_FLOAT_EQ(meanAbsoluteDifference(planeOf(3, 1, std::vector{1, 2, 3}),
                                            planeOf(3, 1, std::vector{3, 2, 1})),
                     4.0F / 3.0F);
     // One changed sample out of 96 x 54 counts in full.
     const LumaPlane spot = planeOf(96, 54, [](int x, int y) { return x + y == 0 ? 255 : 0; });
     EXPECT_FLOAT_EQ(meanAbsoluteDifference(spot, LumaPlane(96, 54)), 255.0F / 5184.0F);
-    EXPECT_EQ(meanAbsoluteDifference(LumaPlane(), LumaPlane()), 0.0F);
-    EXPECT_EQ(meanAbsoluteDifference(planeOf(1, 1, std::vector{9}), LumaPlane(2, 1)), 0.0F);
+    EXPECT_EQ(meanAbsoluteDifference(LumaPlane(), LumaPlane()), 0.0F) << "empty planes";
+    EXPECT_EQ(meanAbsoluteDifference(planeOf(1, 1, std::vector{9}), LumaPlane(2, 1)), 0.0F)
+        << "planes of different sizes";
 }
 
 TEST(LumaExtraction, HonoursTheRowStrideAndSkipsUnreadableFrames)
