@@ -36,19 +36,24 @@ core::EditMarker markerAtFrame(std::int64_t frame,
 
 // The cuts of an export: frame 0 and repeats make no marker, the rest are numbered in frame order
 // and named at their place on the session timeline.
+// Cuts at 25 fps placed from a Video Start ten seconds after the Session Start.
+MarkerExport requestAt25(std::vector<core::EditMarker> markers)
+{
+    return {.markers = std::move(markers),
+            .rate = core::kFps25,
+            .dropFrame = {},
+            .sessionStartDigits = "00595000",
+            .videoStartDigits = "01000000",
+            .markerName = "{n}|{tc}"};
+}
+
 TEST(MarkerPlan, CutsSkipFrameZeroAndRepeatsAndAreNamedInOrder)
 {
-    MarkerExport request{.markers = {markerAtFrame(130),
-                                     markerAtFrame(0),
-                                     markerAtFrame(50),
-                                     markerAtFrame(100),
-                                     markerAtFrame(50)},
-                         .rate = core::kFps25,
-                         .dropFrame = {},
-                         .sessionStartDigits = "00595000",
-                         .videoStartDigits = "01000000",
-                         .markerName = "{n}|{tc}"};
-    core::Expected<MarkerPlan> plan = planMarkerExport(request);
+    const core::Expected<MarkerPlan> plan = planMarkerExport(requestAt25({markerAtFrame(130),
+                                                                          markerAtFrame(0),
+                                                                          markerAtFrame(50),
+                                                                          markerAtFrame(100),
+                                                                          markerAtFrame(50)}));
     ASSERT_TRUE(plan.hasValue());
     EXPECT_EQ(plan->rate, MIDIFrameRate::Fps25);
     EXPECT_EQ(plan->sessionStart, "00:59:50:00");
@@ -59,23 +64,36 @@ TEST(MarkerPlan, CutsSkipFrameZeroAndRepeatsAndAreNamedInOrder)
                                               {130, 5.2, "01:00:05:05", "3|01:00:05:05"}};
     EXPECT_EQ(plan->cuts, expected);
 
-    // A video that starts before the session has no place in the file: one frame before is
-    // refused, the same timecode places it at 0.
+    EXPECT_TRUE(planMarkerExport(requestAt25({markerAtFrame(0)}))->cuts.empty())
+        << "the first frame is no cut";
+}
+
+// A video that starts before the session has no place in the file: one frame before is refused,
+// the same timecode places it at 0. A timecode that does not exist at the rate is refused too.
+TEST(MarkerPlan, RefusesAVideoStartBeforeTheSessionOrAnInvalidTimecode)
+{
+    MarkerExport request = requestAt25({markerAtFrame(50)});
     request.sessionStartDigits = "01000001";
     EXPECT_EQ(planMarkerExport(request).error(),
               exportError(ExportError::videoStartBeforeSessionStart));
     request.sessionStartDigits = "01000000";
     EXPECT_EQ(planMarkerExport(request)->videoStartFrame, 0);
+    request.sessionStartDigits = "00006000";
+    EXPECT_EQ(planMarkerExport(request).error(), exportError(ExportError::invalidTimecode))
+        << "second 60";
+}
 
-    // Drop-frame labels at 29.97: Video 10:00:00;00 is 1798 frames after Session 09:59:00;02
-    // (the first label of a minute that drops two); the cut 30 frames in is 10:00:01;00.
-    request = {.markers = {markerAtFrame(30, 30000, 1001)},
-               .rate = core::kFps2997,
-               .dropFrame = {},
-               .sessionStartDigits = "09590002",
-               .videoStartDigits = "10000000",
-               .markerName = kDefaultMarkerName};
-    plan = planMarkerExport(request);
+// Drop-frame labels at 29.97: Video 10:00:00;00 is 1798 frames after Session 09:59:00;02 (the
+// first label of a minute that drops two); the cut 30 frames in is 10:00:01;00.
+TEST(MarkerPlan, DropFrameLabelsCountFromTheSessionAndFillTheCutList)
+{
+    const core::Expected<MarkerPlan> plan =
+        planMarkerExport({.markers = {markerAtFrame(30, 30000, 1001)},
+                          .rate = core::kFps2997,
+                          .dropFrame = {},
+                          .sessionStartDigits = "09590002",
+                          .videoStartDigits = "10000000",
+                          .markerName = kDefaultMarkerName});
     ASSERT_TRUE(plan.hasValue());
     EXPECT_EQ(plan->videoStartFrame, 1798);
     EXPECT_EQ(plan->cuts, (std::vector<PlannedCut>{{30, 1.001, "10:00:01;00", "Cut 1"}}));
@@ -84,11 +102,6 @@ TEST(MarkerPlan, CutsSkipFrameZeroAndRepeatsAndAreNamedInOrder)
               "# drop-frame\tyes\n# session start\t09:59:00;02\n# video start\t10:00:00;00\n"
               "# video start frame\t1798\nframe\tseconds\ttimecode\tname\n"
               "30\t1.001000\t10:00:01;00\tCut 1\n");
-
-    request.markers = {markerAtFrame(0)};
-    EXPECT_TRUE(planMarkerExport(request)->cuts.empty());
-    request.sessionStartDigits = "00006000";
-    EXPECT_EQ(planMarkerExport(request).error(), exportError(ExportError::invalidTimecode));
 }
 
 // What a damaged scan read, on the session timeline as the cuts are: at 29.97 drop-frame, 1 s of

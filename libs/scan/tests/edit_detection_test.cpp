@@ -110,13 +110,17 @@ Detection detect(const Asset& asset, std::optional<Outcome> outcome = {}, std::s
     return run;
 }
 
-TEST(DetectionArithmetic, StatisticsStrideWidthSuppressionAndMerging)
+TEST(DetectionArithmetic, MedianAndRobustSigmaIgnoreAnOutlier)
 {
     EXPECT_EQ(median(std::vector<float>{}), 0.0F);
     EXPECT_EQ(median(std::vector<float>{3, 1, 2}), 2.0F);
     EXPECT_EQ(median(std::vector<float>{4, 1, 3, 2}), 2.5F);
     // Deviations from 3: 2 1 0 1 97, median 1; the outlier does not move it.
     EXPECT_FLOAT_EQ(robustSigma(std::vector<float>{1, 2, 3, 4, 100}, 3.0F), 1.4826F);
+}
+
+TEST(DetectionArithmetic, StrideFollowsTheRateAndPoolWidthTheCores)
+{
     EXPECT_EQ(sampleStrideForRate(std::numeric_limits<float>::quiet_NaN()), 4);
     EXPECT_EQ(sampleStrideForRate(0.5F), 3);
     EXPECT_EQ(sampleStrideForRate(26.0F), 4);
@@ -125,7 +129,10 @@ TEST(DetectionArithmetic, StatisticsStrideWidthSuppressionAndMerging)
     EXPECT_EQ(refineWidthFor(0), 2);
     EXPECT_EQ(refineWidthFor(3), 2);
     EXPECT_EQ(refineWidthFor(4), 3);
+}
 
+TEST(DetectionArithmetic, NearbyCandidatesKeepTheStrongerAndNearbyMarkersTheLater)
+{
     // Of candidates within twice the radius, the stronger stays.
     using Candidates = std::vector<Candidate>;
     const std::pair<Candidates, Candidates> rows[] = {
@@ -135,7 +142,8 @@ TEST(DetectionArithmetic, StatisticsStrideWidthSuppressionAndMerging)
         {{{100, 2.0F}, {115, 1.0F}, {130, 3.0F}}, {{100, 2.0F}, {130, 3.0F}}},
     };
     for (const auto& [candidates, kept] : rows) {
-        EXPECT_EQ(suppressNearbyCandidates(candidates, 10), kept) << candidates[0].frameIndex;
+        EXPECT_EQ(suppressNearbyCandidates(candidates, 10), kept)
+            << "candidates from frame " << candidates[0].frameIndex;
     }
 
     // A later marker replaces the last kept one within the distance.
@@ -145,7 +153,8 @@ TEST(DetectionArithmetic, StatisticsStrideWidthSuppressionAndMerging)
                                                 {{100, 110, 112}, {100, 112}},
                                                 {{}, {}}};
     for (const auto& [frames, merged] : merges) {
-        EXPECT_EQ(mergeNearbyMarkers(*markersAt(frames), 3), *markersAt(merged)) << frames.size();
+        EXPECT_EQ(mergeNearbyMarkers(*markersAt(frames), 3), *markersAt(merged))
+            << "markers at " << testing::PrintToString(frames);
     }
 }
 
