@@ -82,8 +82,8 @@ public:
     /// For a consumer that drains with tryNext() instead of waiting in next(): calls `wake` after
     /// every event the stream comes to hold and after it is finished, on the thread that caused
     /// it, and once at once when the stream already holds events or is finished. Replaces the
-    /// previous one; an empty `wake` removes it. `wake` must return promptly and must not call
-    /// this stream (it is called outside the stream's lock, but from the scan's threads).
+    /// previous one (a call of it already under way on another thread may still finish); an
+    /// empty `wake` removes it. `wake` must return promptly, as it delays the scan's thread.
     void setWake(std::function<void()> wake);
 
     /// Whether the stream is finished and holds nothing: no event will ever come.
