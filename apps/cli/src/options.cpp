@@ -268,7 +268,7 @@ Options:
   --rate R             frame rate instead of the file's (25, 29.97, 30000/1001, ...)
   --drop-frame         count drop-frame at 29.97 and 59.94, whatever the file says
   --non-drop-frame     count non-drop at 29.97 and 59.94, whatever the file says
-                       (with --rate, only at those rates)
+                       (either one refuses --rate or a video at another rate)
   -o, --output PATH    where to write the MIDI file (one video only); "-" writes it
                        to standard output (not a terminal), the report then going
                        to standard error

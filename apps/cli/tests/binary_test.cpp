@@ -339,6 +339,14 @@ TEST_F(CliBinary, BadInputsFailAloneAndLeaveNoFile)
     const Outcome unwritable = scan({"-o", (dir_ / "no-dir" / "x.mid").string(), args[2]});
     EXPECT_EQ(unwritable.status, 1);
     EXPECT_EQ(lines(unwritable.err).size(), 1U) << unwritable.err;
+
+    // A counting the video's rate (25 fps) does not have fails that video instead of doing nothing.
+    const Outcome counted = scan({"--drop-frame", "--no-midi", args[2]});
+    EXPECT_EQ(counted.status, 1);
+    EXPECT_NE(counted.err.find(": --drop-frame: only 29.97 and 59.94 have drop-frame counting, "
+                               "not this video's 25 fps"),
+              std::string::npos)
+        << counted.err;
 }
 
 // What the folder holds, links not followed: regular files by their first four bytes.
