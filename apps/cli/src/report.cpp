@@ -67,12 +67,24 @@ std::size_t sequenceLength(std::string_view text)
     return length;
 }
 
-// Whether `text` starts with a C1 control character (U+0080 to U+009F, "C2 80" to "C2 9F"), which
-// some terminals take as the start of an escape sequence.
-bool isC1Control(std::string_view text)
+// The code point of the well-formed sequence of `length` bytes at the start of `text`.
+char32_t codePoint(std::string_view text, std::size_t length)
 {
-    return text.size() >= 2 && static_cast<unsigned char>(text[0]) == 0xC2
-           && static_cast<unsigned char>(text[1]) < 0xA0;
+    constexpr std::array<unsigned char, 5> kLeadBits = {0, 0x7F, 0x1F, 0x0F, 0x07};
+    char32_t point = static_cast<unsigned char>(text[0]) & kLeadBits.at(length);
+    for (std::size_t i = 1; i < length; ++i) {
+        point = (point << 6U) | (static_cast<unsigned char>(text[i]) & 0x3FU);
+    }
+    return point;
+}
+
+// Whether a terminal may act on `point` instead of showing it: the C1 controls (U+0080 to
+// U+009F), which some take as the start of an escape sequence, and the bidirectional formatting
+// marks, which reorder what follows them so that a name reads as another.
+bool isHiddenControl(char32_t point)
+{
+    return (point >= 0x80 && point < 0xA0) || point == 0x061C || point == 0x200E || point == 0x200F
+           || (point >= 0x202A && point <= 0x202E) || (point >= 0x2066 && point <= 0x2069);
 }
 
 constexpr std::string_view kHex = "0123456789abcdef";
@@ -96,11 +108,12 @@ std::string jsonString(std::string_view text)
             continue;
         }
         if (length > 1) {
-            // C1 controls (U+0080 to U+009F) are escaped too, so the line is safe on a terminal.
-            if (isC1Control(text.substr(i))) {
-                out += "\\u00";
-                out += kHex[static_cast<unsigned char>(text[i + 1]) >> 4U];
-                out += kHex[static_cast<unsigned char>(text[i + 1]) & 0xFU];
+            // Escaped too, so the line is safe on a terminal (all lie below U+10000).
+            if (const char32_t point = codePoint(text.substr(i), length); isHiddenControl(point)) {
+                out += "\\u";
+                for (const unsigned shift : {12U, 8U, 4U, 0U}) {
+                    out += kHex[(point >> shift) & 0xFU];
+                }
             } else {
                 out += text.substr(i, length);
             }
@@ -143,8 +156,9 @@ std::string terminalText(std::string_view text)
     for (std::size_t i = 0; i < text.size();) {
         const std::size_t length = sequenceLength(text.substr(i));
         const auto lead = static_cast<unsigned char>(text[i]);
-        const bool isControl = (length == 1 && (lead < 0x20 || lead == 0x7F))
-                               || (length == 2 && isC1Control(text.substr(i)));
+        const bool isControl =
+            (length == 1 && (lead < 0x20 || lead == 0x7F))
+            || (length > 1 && isHiddenControl(codePoint(text.substr(i), length)));
         if (length != 0 && !isControl) {
             out += text.substr(i, length);
             i += length;

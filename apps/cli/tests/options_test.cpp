@@ -116,6 +116,10 @@ TEST(CliReport, JsonStringsAndMarkerTexts)
         {"ä€𝄞", R"("ä€𝄞")", "ä€𝄞"},
         {"\x1b[2J\xc2\x9b", R"("\u001b[2J\u009b")", R"(\x1b[2J\xc2\x9b)"},
         {"a\tb\n", R"("a\tb\n")", R"(a\x09b\x0a)"},
+        // Bidirectional marks that would show "clip\u202Egpj.mp4" as "clip4pm.jpg"; ‰ is not one.
+        {"a\xe2\x80\xae‰\xd8\x9c\xe2\x81\xa9",
+         R"("a\u202e‰\u061c\u2069")",
+         R"(a\xe2\x80\xae‰\xd8\x9c\xe2\x81\xa9)"},
         {"\xc3.\x80", R"("\ufffd.\ufffd")", R"(\xc3.\x80)"},
         {"\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80\xe2\x82",
          R"("\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd")",
