@@ -84,6 +84,17 @@ bool isTimecodeAt(std::string_view digits, core::FrameRate rate, bool dropFrame)
         rate);
 }
 
+core::Status checkCountingAt(std::optional<bool> dropFrame,
+                             core::FrameRate rate,
+                             std::string_view rateName)
+{
+    if (!dropFrame || rate.allowsDropFrame()) {
+        return {};
+    }
+    return usage(std::string(*dropFrame ? "--drop-frame" : "--non-drop-frame")
+                 + ": only 29.97 and 59.94 have drop-frame counting, not " + std::string(rateName));
+}
+
 core::Expected<Options> parseOptions(std::span<const std::string_view> args)
 {
     Options options;
@@ -186,12 +197,12 @@ core::Expected<Options> parseOptions(std::span<const std::string_view> args)
         }
     }
 
-    // A choice of counting only exists at 29.97 and 59.94; elsewhere the flag would do nothing.
-    if (options.dropFrame && options.rate
-        && !app::effectiveDropFrame(*options.rate, {true, std::nullopt})) {
-        return usage(std::string(*options.dropFrame ? "--drop-frame" : "--non-drop-frame")
-                     + ": only 29.97 and 59.94 have drop-frame counting, not --rate "
-                     + std::string(rateText));
+    if (options.rate) {
+        if (const core::Status counting = checkCountingAt(
+                options.dropFrame, *options.rate, "--rate " + std::string(rateText));
+            !counting) {
+            return counting.error();
+        }
     }
 
     // Checked against the rate in force: --rate when given; otherwise only what holds at every

@@ -60,4 +60,11 @@ inline constexpr std::string_view kStandardOutput = "-";
 /// a timecode at `rate` with `dropFrame` counting.
 [[nodiscard]] bool isTimecodeAt(std::string_view digits, core::FrameRate rate, bool dropFrame);
 
+/// Refuses a choice of counting (Options::dropFrame, from --drop-frame or --non-drop-frame) at
+/// `rate` when the rate has no drop-frame counting, where the flag would do nothing; `rateName`
+/// says whose rate it is in the message ("--rate 25", "this video's 25 fps").
+[[nodiscard]] core::Status checkCountingAt(std::optional<bool> dropFrame,
+                                           core::FrameRate rate,
+                                           std::string_view rateName);
+
 }  // namespace kestrin::cli

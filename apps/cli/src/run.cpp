@@ -90,16 +90,13 @@ VideoReport VideoRunner::run(const std::filesystem::path& video, const Progress&
     const app::DropFrameSources dropSources{options_.dropFrame, info->detectedIsDropFrame};
     report.nominalFPS = core::standardFrameRateRow(rate)->nominal;
     report.dropFrame = app::effectiveDropFrame(rate, dropSources);
-    // As with --rate, a choice of counting at a rate that has none would silently do nothing.
-    if (options_.dropFrame && !rate.allowsDropFrame()) {
-        report.error = core::Error{"usage",
-                                   2,
-                                   std::string(*options_.dropFrame ? "--drop-frame"
-                                                                   : "--non-drop-frame")
-                                       + ": only 29.97 and 59.94 have drop-frame counting, not "
-                                         "this video's "
-                                       + std::string(core::standardFrameRateRow(rate)->label)
-                                       + " fps"};
+    // Checked here as well as for --rate: the file's rate is only known now.
+    if (const core::Status counting = checkCountingAt(
+            options_.dropFrame,
+            rate,
+            "this video's " + std::string(core::standardFrameRateRow(rate)->label) + " fps");
+        !counting) {
+        report.error = counting.error();
         return report;
     }
     for (const auto& [name, digits] : {std::pair{"--session-start", options_.sessionStartDigits},
